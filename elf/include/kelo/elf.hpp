@@ -1,0 +1,141 @@
+// The ELF image library: whole ELF files held in memory as images.
+//
+// An image is made from the bytes of a well-formed ELF file (ELF32 or ELF64,
+// either byte order) and keeps its own copy of them. It answers which
+// sections the file has and gives the bytes back, unchanged, on request.
+// Images are move-only; an independent copy is made by saving an image to
+// bytes and loading a fresh one from them.
+#ifndef KELO_ELF_HPP_
+#define KELO_ELF_HPP_
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "absl/types/optional.h"
+#include "absl/types/span.h"
+
+#if defined(KELO_ELF_BUILDING)
+#define KELO_ELF_EXPORT __attribute__((visibility("default")))
+#else
+#define KELO_ELF_EXPORT
+#endif
+
+namespace kelo_elf {
+
+// The identifier under which one piece of debug information is filed: an
+// 8-bit kind and a 32-bit number kept as two 16-bit halves.
+struct KELO_ELF_EXPORT DebugInfoID {
+  uint8_t kind = 0;
+  uint16_t lo = 0;  // low 16 bits of the number
+  uint16_t hi = 0;  // high 16 bits of the number
+
+  DebugInfoID() = default;
+  constexpr DebugInfoID(uint8_t k, uint16_t l, uint16_t h) noexcept : kind(k), lo(l), hi(h) {}
+
+  // The 32-bit number, hi << 16 | lo.
+  constexpr uint32_t number() const noexcept { return (uint32_t{hi} << 16) | lo; }
+
+  // A well-mixed function of kind, lo and hi alone: equal identifiers hash
+  // alike. Never throws.
+  size_t hash() const noexcept;
+
+  friend constexpr bool operator==(const DebugInfoID& a, const DebugInfoID& b) noexcept {
+    return a.kind == b.kind && a.lo == b.lo && a.hi == b.hi;
+  }
+  friend constexpr bool operator!=(const DebugInfoID& a, const DebugInfoID& b) noexcept { return !(a == b); }
+};
+
+// A block of saved image bytes, allocated with malloc(). The block owns its
+// memory and releases it with free() when destroyed, exactly when size is
+// not 0; a block of size 0 owns no memory. Move-only.
+struct ELFBytes {
+  unsigned char* data = nullptr;
+  uint32_t size = 0;
+
+  ELFBytes() = default;
+  ELFBytes(unsigned char* d, uint32_t n) noexcept : data(d), size(n) {}
+  ELFBytes(ELFBytes&& o) noexcept : data(o.data), size(o.size) {
+    o.data = nullptr;
+    o.size = 0;
+  }
+  ELFBytes& operator=(ELFBytes&& o) noexcept {
+    if (this != &o) {
+      release();
+      data = o.data;
+      size = o.size;
+      o.data = nullptr;
+      o.size = 0;
+    }
+    return *this;
+  }
+  ELFBytes(const ELFBytes&) = delete;
+  ELFBytes& operator=(const ELFBytes&) = delete;
+  ~ELFBytes() { release(); }
+
+  absl::Span<unsigned char const> span() const noexcept { return {data, size}; }
+
+ private:
+  void release() noexcept {
+    if (size != 0) std::free(data);
+    data = nullptr;
+    size = 0;
+  }
+};
+
+// One ELF image. A default-constructed or moved-from image is empty: it has
+// no sections and saves to zero bytes.
+class KELO_ELF_EXPORT ELF {
+ public:
+  ELF() noexcept;
+  ELF(ELF&& other) noexcept;
+  ELF& operator=(ELF&& other) noexcept;
+  ELF(const ELF&) = delete;
+  ELF& operator=(const ELF&) = delete;
+  ~ELF();
+
+  // A freshly malloc'ed copy of exactly the bytes the image was loaded from.
+  // Empty images give a present block of size 0 that owns no memory. An empty
+  // optional means the image cannot be saved (for instance, no memory).
+  // Leaves the image as it was; may be called any number of times.
+  absl::optional<ELFBytes> save();
+
+  // A new image made from `bytes`, which must form a well-formed ELF file.
+  // The bytes are copied; the caller keeps them. Anything else (too short,
+  // wrong magic, tables out of bounds, no bytes at all) gives an empty
+  // optional. May throw std::bad_alloc.
+  static absl::optional<ELF> load(absl::Span<unsigned char const> bytes);
+
+  // True when the image has a section of exactly this name (byte for byte).
+  bool hasSection(const std::string& name) const;
+
+  // The names of the image's sections in section-header order; the null
+  // section at index 0 is left out. Empty for an empty image.
+  std::vector<std::string> sectionNames() const;
+
+  // The number of bytes the image was loaded from (0 for an empty image).
+  uint32_t size() const noexcept;
+
+  // The identifier the image is filed under, if any. Callers that file the
+  // image assign it; the image itself never reads it, and it is not part of
+  // the saved bytes.
+  absl::optional<DebugInfoID> debugInfoID;
+
+ private:
+  struct Impl;
+  Impl* impl_ = nullptr;
+};
+
+}  // namespace kelo_elf
+
+namespace std {
+template <>
+struct hash<kelo_elf::DebugInfoID> {
+  size_t operator()(const kelo_elf::DebugInfoID& id) const noexcept { return id.hash(); }
+};
+}  // namespace std
+
+#endif  // KELO_ELF_HPP_
