@@ -1,0 +1,61 @@
+// A test double of the image library. It implements the same kelo_elf::ELF
+// interface as the real library, but its images are tiny: the bytes
+// "KDBL" followed by NUL-terminated section names. Tests tell its save() and
+// load() to fail or to throw, and read counters that prove images are moved,
+// never copied, and never leaked.
+//
+// The control block is process-wide (test code only); call reset() at the
+// start of every test.
+#ifndef KELO_TESTS_ELF_DOUBLE_H_
+#define KELO_TESTS_ELF_DOUBLE_H_
+
+#include <string>
+#include <vector>
+
+#include "kelo/elf.hpp"
+
+namespace elf_double {
+
+enum class Fault {
+  kNone,
+  kFail,           // the operation answers its failure (an empty optional; false)
+  kThrowBadAlloc,  // throws std::bad_alloc
+  kThrowRuntime,   // throws std::runtime_error
+  kThrowInt,       // throws an int: not derived from std::exception
+};
+
+struct Control {
+  // Faults, applied when the countdown of the operation reaches zero: with
+  // the default countdown of 0 the next call fails; with n, the call after n
+  // successful ones. A fault stays armed until it is reset.
+  Fault saveFault = Fault::kNone;
+  int saveCountdown = 0;
+  Fault loadFault = Fault::kNone;
+  int loadCountdown = 0;
+  Fault hasSectionFault = Fault::kNone;
+
+  // Counters.
+  long defaultConstructed = 0;
+  long loaded = 0;  // images made by a successful load()
+  long moveConstructed = 0;
+  long moveAssigned = 0;
+  long destroyed = 0;
+  long saves = 0;  // successful save() calls
+  long loadCalls = 0;
+  long liveImplementations = 0;  // image contents currently alive
+
+  long live() const { return defaultConstructed + loaded + moveConstructed - destroyed; }
+};
+
+Control& control();
+void reset();
+
+// Bytes that the double's load() turns into an image with these sections.
+std::vector<unsigned char> bytesWithSections(const std::vector<std::string>& sections);
+
+// An image with these sections (load() of bytesWithSections()).
+kelo_elf::ELF image(const std::vector<std::string>& sections = {".text", ".data"});
+
+}  // namespace elf_double
+
+#endif  // KELO_TESTS_ELF_DOUBLE_H_
