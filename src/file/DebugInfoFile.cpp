@@ -1,1 +1,332 @@
-// placeholder
+// The debug-info file.
+//
+// Layout (all integers little-endian, no fill):
+//   header   8-byte magic 80 'K' 'E' 'L' 'O' 'D' 'B' 'G', then the bytes
+//            major, minor, patch, reserved (written 1, 1, 2, 0)
+//   body     the entries map: 8-byte count N, then N entries
+//   entry    kind (1), lo (2), hi (2), image length L (8), L image bytes,
+//            section count S (8), S section records
+//   section  name length K (8), K name bytes, address (4)
+// Nothing follows the last entry; a reader ignores anything that does.
+#include "file/DebugInfoFile.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "absl/types/span.h"
+#include "kelo_version.h"
+#include "serialize/orvel/Result.h"
+#include "serialize/orvel/io/File.h"
+#include "serialize/orvel/serialize/binary.h"
+
+using kelo_debuginfo::DebugInfoID;
+using kelo_debuginfo::DebugInfoList;
+using kelo_debuginfo::RelocELF;
+
+namespace orvel_lib {
+namespace serialize {
+
+// kind, lo, hi.
+template <>
+struct Encodable<DebugInfoID> {
+  template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
+  static Res encode(const DebugInfoID& id, Enc& enc) {
+    Res r = enc.template emitInt<uint8_t>(id.kind);
+    if (r.isOk()) r = enc.template emitInt<uint16_t>(id.lo);
+    if (r.isOk()) r = enc.template emitInt<uint16_t>(id.hi);
+    return r;
+  }
+};
+
+// Every kind value is accepted.
+template <>
+struct Decodable<DebugInfoID> {
+  template <typename Dec, typename Res = Result<DebugInfoID, typename Dec::ErrTy>>
+  static Res decode(Dec& dec) {
+    auto kind = dec.template readInt<uint8_t>();
+    if (!kind.isOk()) return typename Dec::ErrTy{};
+    auto lo = dec.template readInt<uint16_t>();
+    if (!lo.isOk()) return typename Dec::ErrTy{};
+    auto hi = dec.template readInt<uint16_t>();
+    if (!hi.isOk()) return typename Dec::ErrTy{};
+    return Res(DebugInfoID(kind.value(), lo.value(), hi.value()));
+  }
+};
+
+// The image's saved bytes as a byte sequence. Saving is a non-const
+// operation of the image library, hence the non-const reference. The saved
+// block is released on every path by its own destructor.
+template <>
+struct Encodable<kelo_elf::ELF> {
+  template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
+  static Res encode(kelo_elf::ELF& image, Enc& enc) {
+    absl::optional<kelo_elf::ELFBytes> bytes = image.save();
+    if (!bytes) return typename Enc::ErrTy{};
+    return Encodable<absl::Span<unsigned char const>>::encode(bytes->span(), enc);
+  }
+};
+
+// A byte sequence loaded into a new image. Exceptions of the byte reader and
+// of the image library pass through.
+template <>
+struct Decodable<kelo_elf::ELF> {
+  template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
+  static Res decode(Dec& dec) {
+    std::vector<unsigned char> scratch;
+    return decode(dec, scratch);
+  }
+
+  // The same, reading the bytes into a buffer that the caller reuses across
+  // images; the image keeps its own copy.
+  template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
+  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
+    auto read = Decodable<std::vector<unsigned char>>::decodeInto(dec, scratch);
+    if (!read.isOk()) return typename Dec::ErrTy{};
+    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(absl::MakeConstSpan(scratch));
+    if (!image) return typename Dec::ErrTy{};
+    return Res(std::move(*image));
+  }
+};
+
+// The image, then the section table as a map name -> address.
+template <>
+struct Encodable<RelocELF> {
+  template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
+  static Res encode(RelocELF& entry, Enc& enc) {
+    Res r = Encodable<kelo_elf::ELF>::encode(entry.elf, enc);
+    if (!r.isOk()) return r;
+    return Encodable<std::unordered_map<std::string, unsigned>>::encode(entry.sectionAddrs, enc);
+  }
+};
+
+// The image and the section table. A name read twice keeps the address read
+// first. Every exception (memory exhaustion, a length error, the image
+// library's own) becomes ErrTy: one bad entry fails the read, not the caller.
+template <>
+struct Decodable<RelocELF> {
+  template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
+  static Res decode(Dec& dec) {
+    std::vector<unsigned char> scratch;
+    return decode(dec, scratch);
+  }
+
+  template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
+  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
+    try {
+      auto image = Decodable<kelo_elf::ELF>::decode(dec, scratch);
+      if (!image.isOk()) return typename Dec::ErrTy{};
+      auto sections = Decodable<std::unordered_map<std::string, unsigned>>::decode(dec);
+      if (!sections.isOk()) return typename Dec::ErrTy{};
+      RelocELF entry(std::move(image.value()));
+      entry.sectionAddrs = std::move(sections.value());
+      return Res(std::move(entry));
+    } catch (...) {
+      return typename Dec::ErrTy{};
+    }
+  }
+};
+
+// The list's entries, in the map's iteration order: identifier, then entry.
+// Stops at the first entry that cannot be saved or written.
+template <>
+struct Encodable<DebugInfoList::Map> {
+  template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
+  static Res encode(DebugInfoList::Map& entries, Enc& enc) {
+    if (!binary::detail::fitsCount(entries.size())) return typename Enc::ErrTy{};
+    return enc.emitMap(static_cast<unsigned>(entries.size()), [&entries](Enc& e) -> Res {
+      for (auto& entry : entries) {
+        Res r = Encodable<DebugInfoID>::encode(entry.first, e);
+        if (r.isOk()) r = Encodable<RelocELF>::encode(entry.second, e);
+        if (!r.isOk()) return r;
+      }
+      return absl::monostate{};
+    });
+  }
+};
+
+// A whole list. An identifier read twice keeps the entry read first; the
+// later one is destroyed. Exceptions outside the entries (memory exhaustion
+// while the map grows) pass through.
+template <>
+struct Decodable<DebugInfoList> {
+  // The smallest entry: 5 identifier bytes, two 8-byte prefixes.
+  static constexpr uint64_t kMinEntryBytes = 21;
+
+  template <typename Dec, typename Res = Result<DebugInfoList, typename Dec::ErrTy>>
+  static Res decode(Dec& dec) {
+    return dec.readMap([](Dec& d, unsigned count) -> Res {
+      DebugInfoList::Map entries;
+      // Reserve only what the rest of the file can back; the count itself is
+      // untrusted.
+      entries.reserve(d.backedCount(count, kMinEntryBytes));
+      std::vector<unsigned char> scratch;
+      for (unsigned i = 0; i < count; ++i) {
+        auto id = Decodable<DebugInfoID>::decode(d);
+        if (!id.isOk()) return typename Dec::ErrTy{};
+        auto entry = Decodable<RelocELF>::decode(d, scratch);
+        if (!entry.isOk()) return typename Dec::ErrTy{};
+        entries.try_emplace(id.value(), std::move(entry.value()));
+      }
+      DebugInfoList list;
+      list.entries = std::move(entries);
+      return Res(std::move(list));
+    });
+  }
+};
+
+}  // namespace serialize
+}  // namespace orvel_lib
+
+namespace kelo_debuginfo {
+namespace file {
+
+namespace {
+
+using orvel_lib::Result;
+using orvel_lib::io::File;
+using Encoder = orvel_lib::serialize::binary::Encoder<File>;
+using Decoder = orvel_lib::serialize::binary::Decoder<File>;
+
+constexpr unsigned char kMagic[8] = {0x80, 'K', 'E', 'L', 'O', 'D', 'B', 'G'};
+constexpr unsigned char kVersion[4] = {KELO_VERSION_MAJOR, KELO_VERSION_MINOR, KELO_VERSION_PATCH, 0};
+
+// Streams that carry whole lists get a large buffer: image bytes go through
+// in bulk, and the many small fields of an entry cost no system calls.
+constexpr std::size_t kListBuffer = std::size_t{1} << 20;
+
+// An opened debug-info file, positioned just after its header, and the
+// header's version bytes (the reserved byte is not kept).
+struct FileWithVer {
+  File file;
+  uint8_t major;
+  uint8_t minor;
+  uint8_t patch;
+};
+
+// Opens `name` (after normalizeFileName) with `mode`; an empty File when that
+// fails. `buffer` bytes of stdio buffer, or the default when 0.
+File openFile(const char* name, const char* mode, std::size_t buffer) {
+  if (name == nullptr) return File();
+  const std::string path = normalizeFileName(name);
+  File file(std::fopen(path.c_str(), mode));
+  if (file && buffer != 0) file.setBuffer(buffer);
+  return file;
+}
+
+Result<FileVersion, Decoder::ErrTy> readHeader(File& file) {
+  unsigned char magic[sizeof kMagic];
+  if (std::fread(magic, 1, sizeof magic, file.get()) != sizeof magic) return Decoder::ErrTy{};
+  if (std::memcmp(magic, kMagic, sizeof kMagic) != 0) return Decoder::ErrTy{};
+  unsigned char version[sizeof kVersion];
+  if (std::fread(version, 1, sizeof version, file.get()) != sizeof version) return Decoder::ErrTy{};
+  return FileVersion{version[0], version[1], version[2]};
+}
+
+bool writeHeader(File& file) {
+  return std::fwrite(kMagic, 1, sizeof kMagic, file.get()) == sizeof kMagic &&
+         std::fwrite(kVersion, 1, sizeof kVersion, file.get()) == sizeof kVersion;
+}
+
+// Opens an existing debug-info file and reads its header; the version is not
+// judged here. The file is closed on every failure.
+static Result<FileWithVer, Decoder::ErrTy> readFile(const char* name, std::size_t buffer) {
+  File file = openFile(name, "rb", buffer);
+  if (!file) return Decoder::ErrTy{};
+  Result<FileVersion, Decoder::ErrTy> version = readHeader(file);
+  if (!version.isOk()) return Decoder::ErrTy{};
+  const FileVersion& v = version.value();
+  return FileWithVer{std::move(file), v.major, v.minor, v.patch};
+}
+
+// Creates or truncates `name` and writes the header. On a short write the
+// file is closed and what reached it stays on disk.
+Result<File, Encoder::ErrTy> writeFile(const char* name) {
+  File file = openFile(name, "wb", kListBuffer);
+  if (!file || !writeHeader(file)) return Encoder::ErrTy{};
+  return file;
+}
+
+// Files of the library's own major and minor version are read, whatever
+// their patch level.
+bool isReadable(const FileVersion& v) { return v.major == KELO_VERSION_MAJOR && v.minor == KELO_VERSION_MINOR; }
+
+bool writeBody(DebugInfoList& list, File& file) {
+  Encoder enc(file);
+  return orvel_lib::serialize::Encodable<DebugInfoList::Map>::encode(list.entries, enc).isOk();
+}
+
+absl::optional<DebugInfoList> readBody(File& file) {
+  Decoder dec(file);
+  auto list = orvel_lib::serialize::Decodable<DebugInfoList>::decode(dec);
+  if (!list.isOk()) return absl::nullopt;
+  return std::move(list).value();
+}
+
+}  // namespace
+
+bool writeList(DebugInfoList& list, const char* name) {
+  auto opened = writeFile(name);
+  if (!opened.isOk()) return false;
+  File file = std::move(opened).value();
+  const bool written = writeBody(list, file);
+  // Buffered bytes may still fail to reach the file: only a clean flush and
+  // close make the write a success.
+  const bool flushed = std::fflush(file.get()) == 0;
+  const bool closed = file.close();
+  return written && flushed && closed;
+}
+
+absl::optional<DebugInfoList> readList(const char* name) {
+  auto opened = readFile(name, kListBuffer);
+  if (!opened.isOk()) return absl::nullopt;
+  FileWithVer& f = opened.value();
+  if (!isReadable(FileVersion{f.major, f.minor, f.patch})) return absl::nullopt;
+  return readBody(f.file);
+}
+
+absl::optional<FileVersion> readVersion(const char* name) {
+  // Only the header is read: the default stdio buffer is plenty.
+  auto opened = readFile(name, 0);
+  if (!opened.isOk()) return absl::nullopt;
+  const FileWithVer& f = opened.value();
+  return FileVersion{f.major, f.minor, f.patch};
+}
+
+bool writeListTo(DebugInfoList& list, File& file) {
+  if (!file) return false;
+  const bool written = writeHeader(file) && writeBody(list, file);
+  return std::fflush(file.get()) == 0 && written;
+}
+
+absl::optional<DebugInfoList> readListFrom(File& file) {
+  if (!file) return absl::nullopt;
+  auto version = readHeader(file);
+  if (!version.isOk() || !isReadable(version.value())) return absl::nullopt;
+  return readBody(file);
+}
+
+std::string normalizeFileName(const char* name) {
+  std::string out;
+  const std::size_t len = std::strlen(name);
+  out.reserve(len);
+  std::size_t i = 0;
+  // A leading pair of '/' followed by another character is kept as it is
+  // (POSIX leaves its meaning to the implementation); any other run of '/'
+  // becomes one.
+  if (len > 2 && name[0] == '/' && name[1] == '/' && name[2] != '/') {
+    out.assign("//");
+    i = 2;
+  }
+  for (; i < len; ++i) {
+    if (name[i] == '/' && !out.empty() && out.back() == '/') continue;
+    out.push_back(name[i]);
+  }
+  return out;
+}
+
+}  // namespace file
+}  // namespace kelo_debuginfo

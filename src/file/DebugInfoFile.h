@@ -11,6 +11,7 @@
 
 #include "absl/types/optional.h"
 #include "kelo/DebugInfoList.h"
+#include "serialize/orvel/io/File.h"
 
 namespace kelo_debuginfo {
 namespace file {
@@ -37,6 +38,13 @@ absl::optional<DebugInfoList> readList(const char* name);
 // The version bytes of the file `name`, whatever they are; absent when it
 // cannot be opened or does not start with the magic and four version bytes.
 absl::optional<FileVersion> readVersion(const char* name);
+
+// The same procedures on an open stream of any kind (a memory stream in
+// tests and fuzzers), positioned where the header starts. writeListTo writes
+// header and entries and flushes; true only when all of it was written and
+// the flush succeeded. Neither closes the stream.
+bool writeListTo(DebugInfoList& list, orvel_lib::io::File& file);
+absl::optional<DebugInfoList> readListFrom(orvel_lib::io::File& file);
 
 // The file name as it is handed to fopen: runs of '/' collapsed into one,
 // except that a leading "//" followed by another character stays.
