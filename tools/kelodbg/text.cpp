@@ -1,0 +1,75 @@
+#include "text.h"
+
+#include <fmt/format.h>
+
+namespace kelodbg {
+namespace {
+
+// The length of the valid UTF-8 sequence at s[i] (of at least two bytes), or
+// 0 when there is none.
+size_t utf8Length(const std::string& s, size_t i) {
+  const auto byte = [&s](size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char lead = byte(i);
+  size_t len;
+  uint32_t cp;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    len = 2, cp = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    len = 3, cp = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    len = 4, cp = lead & 0x07;
+  } else {
+    return 0;
+  }
+  if (i + len > s.size()) return 0;
+  for (size_t k = 1; k < len; ++k) {
+    if ((byte(i + k) & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (byte(i + k) & 0x3F);
+  }
+  // Overlong forms, surrogates and values past U+10FFFF are not valid.
+  if ((len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+    return 0;
+  }
+  return len;
+}
+
+}  // namespace
+
+std::string printable(const std::string& s) {
+  std::string out;
+  for (const char ch : s) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c >= 0x21 && c < 0x7F && c != '\\') {
+      out += ch;
+    } else {
+      out += fmt::format("\\x{:02x}", c);
+    }
+  }
+  return out;
+}
+
+std::string jsonString(const std::string& s) {
+  std::string out = "\"";
+  for (size_t i = 0; i < s.size();) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += s[i++];
+    } else if (c == '\n') {
+      out += "\\n", ++i;
+    } else if (c == '\t') {
+      out += "\\t", ++i;
+    } else if (c < 0x20 || c == 0x7F) {
+      out += fmt::format("\\u{:04x}", c), ++i;
+    } else if (c < 0x80) {
+      out += s[i++];
+    } else if (const size_t len = utf8Length(s, i)) {
+      out.append(s, i, len), i += len;
+    } else {
+      out += fmt::format("\\u{:04x}", c), ++i;
+    }
+  }
+  return out + "\"";
+}
+
+}  // namespace kelodbg
