@@ -53,7 +53,7 @@ std::vector<NewEntry> parseEntries(const std::vector<std::string>& args) {
   std::set<Id> seen;
   for (const std::string& arg : args) {
     std::string idText, path;
-    std::string error = splitAssignment(arg, idText, path);
+    std::string error = splitAssignment(arg, "ID=ELF-FILE", idText, path);
     if (!error.empty()) fail(Exit::kUsage, {}, error);
     const Id id = idFrom(idText);
     if (id.kind != 1) fail(Exit::kUsage, {}, fmt::format("'{}': entries are added under kind 1", arg));
@@ -156,7 +156,7 @@ void renumber(const std::string& file, const std::vector<std::string>& pairs) {
   std::vector<std::pair<Id, Id>> moves;
   for (const std::string& arg : pairs) {
     std::string oldText, newText;
-    const std::string error = splitAssignment(arg, oldText, newText);
+    const std::string error = splitAssignment(arg, "OLD=NEW", oldText, newText);
     if (!error.empty()) fail(Exit::kUsage, {}, error);
     const Id from = idFrom(oldText), to = idFrom(newText);
     moves.emplace_back(from, to);

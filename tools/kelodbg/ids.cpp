@@ -68,10 +68,10 @@ std::string parseId(const std::string& text, Id& out) {
   return {};
 }
 
-std::string splitAssignment(const std::string& text, std::string& left, std::string& right) {
+std::string splitAssignment(const std::string& text, const char* form, std::string& left, std::string& right) {
   const size_t eq = text.find('=');
   if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) {
-    return fmt::format("'{}' is not of the form LEFT=RIGHT", text);
+    return fmt::format("'{}' is not of the form {}", text, form);
   }
   left = text.substr(0, eq);
   right = text.substr(eq + 1);

@@ -26,13 +26,13 @@ std::string checkNumber(std::string& text) {
 
 std::string checkEntry(std::string& text) {
   std::string id, path;
-  std::string error = splitAssignment(text, id, path);
+  std::string error = splitAssignment(text, "ID=ELF-FILE", id, path);
   return error.empty() ? checkId(id) : error;
 }
 
 std::string checkRenumbering(std::string& text) {
   std::string from, to;
-  std::string error = splitAssignment(text, from, to);
+  std::string error = splitAssignment(text, "OLD=NEW", from, to);
   if (error.empty()) error = checkId(from);
   return error.empty() ? checkId(to) : error;
 }
@@ -72,51 +72,59 @@ int run(int argc, char** argv) {
   bool json = false, quiet = false;
 
   CLI::App* create = command(app, "create", "Create FILE (replacing it) with entries of kind 1 from ELF files");
-  create->add_option("file", file, "The debug-info file to create")->required();
-  create->add_option("entries", args, "NUMBER=ELF-FILE: store the ELF file under kind 1, NUMBER")->check(kEntry);
+  create->add_option("file", file, "The debug-info file to create")->type_name("FILE")->required();
+  create->add_option("entries", args, "ID=ELF-FILE: store the ELF file under kind 1 and ID's number")
+      ->type_name("ID=ELF-FILE")
+      ->check(kEntry);
 
   CLI::App* add = command(app, "add", "Add entries of kind 1 from ELF files to FILE");
-  add->add_option("file", file, "The debug-info file to change")->required();
-  add->add_option("entries", args, "NUMBER=ELF-FILE: store the ELF file under kind 1, NUMBER")
+  add->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
+  add->add_option("entries", args, "ID=ELF-FILE: store the ELF file under kind 1 and ID's number")
+      ->type_name("ID=ELF-FILE")
       ->required()
       ->check(kEntry);
 
   CLI::App* setAddr = command(app, "set-addr", "Record the load address of a section of one entry");
-  setAddr->add_option("file", file, "The debug-info file to change")->required();
-  setAddr->add_option("id", id, "The entry's identifier")->required()->check(kId);
-  setAddr->add_option("section", section, "A section of the entry's image, .constant or .local")->required();
-  setAddr->add_option("address", addr, "The 32-bit load address")->required()->check(kNumber);
+  setAddr->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
+  setAddr->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
+  setAddr->add_option("section", section, "A section of the entry's image, .constant or .local")
+      ->type_name("NAME")
+      ->required();
+  setAddr->add_option("address", addr, "The 32-bit load address")->type_name("ADDRESS")->required()->check(kNumber);
 
   CLI::App* renumberCmd = command(app, "renumber", "Give entries new identifiers, all at once or none");
-  renumberCmd->add_option("file", file, "The debug-info file to change")->required();
+  renumberCmd->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
   renumberCmd->add_option("renumberings", args, "OLD=NEW: the entry OLD gets the identifier NEW")
+      ->type_name("OLD=NEW")
       ->required()
       ->check(kRenumbering);
 
   CLI::App* mergeCmd = command(
       app, "merge", "Write the entries of all INPUT files to OUTPUT (replacing it); refused on a shared identifier");
-  mergeCmd->add_option("output", out, "The debug-info file to write")->required();
-  mergeCmd->add_option("inputs", args, "The debug-info files to merge")->required();
+  mergeCmd->add_option("output", out, "The debug-info file to write")->type_name("FILE")->required();
+  mergeCmd->add_option("inputs", args, "The debug-info files to merge")->type_name("FILE")->required();
 
   CLI::App* listCmd = command(app, "list", "List the entries of FILE, sorted by identifier");
-  listCmd->add_option("file", file, "The debug-info file")->required();
+  listCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
   listCmd->add_flag("--json", json, "Print JSON instead of a table");
 
   CLI::App* showCmd = command(app, "show", "Show one entry: its image's sections and their addresses");
-  showCmd->add_option("file", file, "The debug-info file")->required();
-  showCmd->add_option("id", id, "The entry's identifier")->required()->check(kId);
+  showCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
+  showCmd->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
   showCmd->add_flag("--json", json, "Print JSON instead of a table");
 
   CLI::App* extractCmd = command(app, "extract", "Write the ELF file stored under one entry");
-  extractCmd->add_option("file", file, "The debug-info file")->required();
-  extractCmd->add_option("id", id, "The entry's identifier")->required()->check(kId);
-  extractCmd->add_option("-o,--output", out, "The ELF file to write (replaced if it exists)")->required();
+  extractCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
+  extractCmd->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
+  extractCmd->add_option("-o,--output", out, "The ELF file to write (replaced if it exists)")
+      ->type_name("FILE")
+      ->required();
 
   CLI::App* versionCmd = command(app, "version", "Print the version in FILE's header");
-  versionCmd->add_option("file", file, "The debug-info file")->required();
+  versionCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
 
   CLI::App* checkCmd = command(app, "check", "Exit with 0 when FILE reads as a debug-info file");
-  checkCmd->add_option("file", file, "The debug-info file")->required();
+  checkCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
   checkCmd->add_flag("-q,--quiet", quiet, "Print nothing; only the exit code tells");
 
   try {

@@ -66,8 +66,9 @@ std::string parseNumber(const std::string& text, uint32_t& out);
 // `kind:number` or `number` (kind 1); kind is 0 or 1.
 std::string parseId(const std::string& text, Id& out);
 
-// `left=right`, split at the first '='; both sides non-empty.
-std::string splitAssignment(const std::string& text, std::string& left, std::string& right);
+// `left=right` (described to the user as `form`), split at the first '='; both
+// sides non-empty.
+std::string splitAssignment(const std::string& text, const char* form, std::string& left, std::string& right);
 
 // ---- Files ----
 
