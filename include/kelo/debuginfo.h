@@ -35,6 +35,13 @@
 #define KELO_DBG_EXPORT
 #endif
 
+/* No call lets an exception out; C++ callers see that in the declarations. */
+#if defined(__cplusplus)
+#define KELO_DBG_NOEXCEPT noexcept
+#else
+#define KELO_DBG_NOEXCEPT
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -59,82 +66,86 @@ typedef struct keloDbgNewID {
 /* ---- Lists, entries and version ---- */
 
 /* A new, empty list; NULL when memory runs out. Free it with keloDbgFree. */
-KELO_DBG_EXPORT keloDbgList keloDbgAlloc(void);
+KELO_DBG_EXPORT keloDbgList keloDbgAlloc(void) KELO_DBG_NOEXCEPT;
 
 /* Releases a list with every entry. Its image handles and iterators die with
  * it. NULL does nothing. */
-KELO_DBG_EXPORT void keloDbgFree(keloDbgList list);
+KELO_DBG_EXPORT void keloDbgFree(keloDbgList list) KELO_DBG_NOEXCEPT;
 
 /* Destroys every entry; the list stays usable. */
-KELO_DBG_EXPORT void keloDbgClear(keloDbgList list);
+KELO_DBG_EXPORT void keloDbgClear(keloDbgList list) KELO_DBG_NOEXCEPT;
 
 /* Files a copy of `image` under kind 1, number hi << 16 | lo, and returns the
  * stored image. When that identifier is already filed, returns the image
  * stored under it and leaves the list unchanged. The caller's image is
  * neither kept nor changed. NULL when image is NULL, when it cannot be
  * copied, or when memory runs out. */
-KELO_DBG_EXPORT keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi);
+KELO_DBG_EXPORT keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) KELO_DBG_NOEXCEPT;
 
 /* The same as keloDbgAdd. */
-KELO_DBG_EXPORT keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi);
+KELO_DBG_EXPORT keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo,
+                                           uint16_t hi) KELO_DBG_NOEXCEPT;
 
 /* Moves every entry of `src` into `dst`, all or nothing. True on success
  * (src is then empty, and still needs keloDbgFree); false, with both lists
  * unchanged, when they share an identifier. */
-KELO_DBG_EXPORT bool keloDbgMerge(keloDbgList dst, keloDbgList src);
+KELO_DBG_EXPORT bool keloDbgMerge(keloDbgList dst, keloDbgList src) KELO_DBG_NOEXCEPT;
 
 /* The image filed under `id`, or NULL. */
-KELO_DBG_EXPORT keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id);
+KELO_DBG_EXPORT keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id) KELO_DBG_NOEXCEPT;
 
 /* The library version (1, 1, 2) and build text ("unknown", static, never to
  * be freed). NULL out-parameters are skipped. */
-KELO_DBG_EXPORT void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch, const char** build);
+KELO_DBG_EXPORT void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch,
+                                    const char** build) KELO_DBG_NOEXCEPT;
 
 /* ---- Iteration and section addresses ---- */
 
 /* An iterator on the first entry of `list`; NULL when the list is empty or
  * memory runs out. Free it with keloDbgIterFree. */
-KELO_DBG_EXPORT keloDbgIterator keloDbgIter(keloDbgList list);
+KELO_DBG_EXPORT keloDbgIterator keloDbgIter(keloDbgList list) KELO_DBG_NOEXCEPT;
 
 /* Moves to the next entry: true when the iterator is on an entry, false once
  * it has passed the last one (and on every later call). */
-KELO_DBG_EXPORT bool keloDbgIterNext(keloDbgIterator it);
+KELO_DBG_EXPORT bool keloDbgIterNext(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The identifier of the current entry. REQUIRES: the iterator is on an
  * entry. A kind other than 0 or 1 (possible in lists read from files) is
  * copied unchanged. */
-KELO_DBG_EXPORT keloDbgID keloDbgIterID(keloDbgIterator it);
+KELO_DBG_EXPORT keloDbgID keloDbgIterID(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The stored image of the current entry (borrowed). REQUIRES: the iterator
  * is on an entry. */
-KELO_DBG_EXPORT keloDbgElf keloDbgIterELF(keloDbgIterator it);
+KELO_DBG_EXPORT keloDbgElf keloDbgIterELF(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* Releases an iterator; its list is untouched. NULL does nothing. */
-KELO_DBG_EXPORT void keloDbgIterFree(keloDbgIterator it);
+KELO_DBG_EXPORT void keloDbgIterFree(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The address recorded for section `name` of entry `id`; 0 when none is. */
-KELO_DBG_EXPORT uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name);
+KELO_DBG_EXPORT uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name) KELO_DBG_NOEXCEPT;
 
 /* Records `addr` for section `name` of entry `id`, replacing an earlier one.
  * Only names the image has, ".constant" and ".local" are recorded. */
-KELO_DBG_EXPORT void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uint32_t addr);
+KELO_DBG_EXPORT void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name,
+                                           uint32_t addr) KELO_DBG_NOEXCEPT;
 
 /* ---- Files ---- */
 
 /* Writes the whole list to `path`, creating or truncating it. True when
  * everything reached the file. A failed write leaves what was written so far
  * on disk. */
-KELO_DBG_EXPORT bool keloDbgWrite(keloDbgList list, const char* path);
+KELO_DBG_EXPORT bool keloDbgWrite(keloDbgList list, const char* path) KELO_DBG_NOEXCEPT;
 
 /* A new list holding the entries of the file at `path`; NULL when the file
  * cannot be opened, is not a debug-info file, has a version other than 1.1.x
  * or cannot be decoded. */
-KELO_DBG_EXPORT keloDbgList keloDbgRead(const char* path);
+KELO_DBG_EXPORT keloDbgList keloDbgRead(const char* path) KELO_DBG_NOEXCEPT;
 
 /* The first three version bytes of the file at `path`, whatever they are.
  * False (out-parameters untouched) when the file cannot be opened or does not
  * start with a debug-info header. NULL out-parameters are skipped. */
-KELO_DBG_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint32_t* patch);
+KELO_DBG_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor,
+                                        uint32_t* patch) KELO_DBG_NOEXCEPT;
 
 /* ---- Renumbering ---- */
 
@@ -143,7 +154,7 @@ KELO_DBG_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint3
  * other than 0 or 1, two records share an old or a new identifier, an old
  * identifier is not filed, or a new one is held by an entry not renumbered.
  * `records` may be NULL when count is 0. */
-KELO_DBG_EXPORT bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count);
+KELO_DBG_EXPORT bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count) KELO_DBG_NOEXCEPT;
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -1,1 +1,219 @@
-// placeholder
+// The C interface. Every call converts its plain arguments into the list's
+// types, runs one list operation or file procedure, and converts the answer
+// back. Calls that can throw run their whole body inside guarded(), the one
+// place where exceptions are stopped; the others are plain noexcept code.
+//
+// Handles: a keloDbgList is a heap DebugInfoList, a keloDbgElf is a
+// kelo_elf::ELF (the C type of the image library), and a keloDbgIterator is
+// the keloDbgIteratorRec defined here.
+#include "kelo/debuginfo.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/types/optional.h"
+#include "file/DebugInfoFile.h"
+#include "kelo/DebugInfoList.h"
+#include "kelo/elf.hpp"
+#include "kelo_version.h"
+
+using kelo_debuginfo::DebugInfoList;
+using kelo_debuginfo::DebugInfoNewID;
+using kelo_elf::DebugInfoID;
+
+// Two positions in a list's map, taken when the iterator is made; valid only
+// while the list's set of entries does not change.
+struct keloDbgIteratorRec {
+  DebugInfoList::Map::iterator current;
+  DebugInfoList::Map::iterator end;
+};
+
+namespace {
+
+DebugInfoList* toList(keloDbgList list) noexcept { return reinterpret_cast<DebugInfoList*>(list); }
+keloDbgList toHandle(DebugInfoList* list) noexcept { return reinterpret_cast<keloDbgList>(list); }
+kelo_elf::ELF* toImage(keloDbgElf image) noexcept { return reinterpret_cast<kelo_elf::ELF*>(image); }
+keloDbgElf toHandle(kelo_elf::ELF* image) noexcept { return reinterpret_cast<keloDbgElf>(image); }
+
+// Only kinds 0 and 1 cross the C boundary; anything else is no identifier.
+absl::optional<DebugInfoID> toID(keloDbgID id) noexcept {
+  if (id.kind > 1) return absl::nullopt;
+  return DebugInfoID(static_cast<uint8_t>(id.kind), static_cast<uint16_t>(id.id & 0xFFFFu),
+                     static_cast<uint16_t>(id.id >> 16));
+}
+
+// Any kind a list holds is copied as it is: kinds other than 0 and 1 can
+// come from files and from the class interface.
+keloDbgID toRecord(const DebugInfoID& id) noexcept { return keloDbgID{id.kind, id.number()}; }
+
+// The exception barrier: runs `body` and turns every exception, of any
+// type, into `failure`. Temporaries of the body are released by unwinding
+// before the handler runs.
+template <typename Result, typename Body>
+Result guarded(Result failure, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    return failure;
+  }
+}
+
+// The same barrier for calls without a result.
+template <typename Body>
+void guarded(Body&& body) noexcept {
+  guarded(false, [&body] {
+    body();
+    return true;
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- Lists, entries and version ----
+
+keloDbgList keloDbgAlloc(void) noexcept {
+  return guarded<keloDbgList>(nullptr, [] { return toHandle(new DebugInfoList()); });
+}
+
+void keloDbgFree(keloDbgList list) noexcept { delete toList(list); }
+
+void keloDbgClear(keloDbgList list) noexcept {
+  guarded([list] {
+    if (list != nullptr) toList(list)->clear();
+  });
+}
+
+keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) noexcept {
+  return guarded<keloDbgElf>(nullptr, [&]() -> keloDbgElf {
+    if (list == nullptr || image == nullptr) return nullptr;
+    // The list files a copy, made through the saved form: the caller's image
+    // is only read. `bytes` frees its block and `copy` (moved from, or left
+    // over when the identifier is already filed) is destroyed on every path.
+    absl::optional<kelo_elf::ELFBytes> bytes = toImage(image)->save();
+    if (!bytes) return nullptr;
+    absl::optional<kelo_elf::ELF> copy = kelo_elf::ELF::load(bytes->span());
+    if (!copy) return nullptr;
+    return toHandle(toList(list)->add(DebugInfoID(1, lo, hi), std::move(*copy)));
+  });
+}
+
+keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) noexcept {
+  return keloDbgAdd(list, image, lo, hi);
+}
+
+bool keloDbgMerge(keloDbgList dst, keloDbgList src) noexcept {
+  return guarded(false, [&] { return dst != nullptr && src != nullptr && toList(dst)->merge(*toList(src)); });
+}
+
+keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id) noexcept {
+  return guarded<keloDbgElf>(nullptr, [&]() -> keloDbgElf {
+    absl::optional<DebugInfoID> key = toID(id);
+    if (list == nullptr || !key) return nullptr;
+    return toHandle(toList(list)->find(*key));
+  });
+}
+
+void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch, const char** build) noexcept {
+  static constexpr char kBuild[] = KELO_VERSION_BUILD;
+  if (major != nullptr) *major = KELO_VERSION_MAJOR;
+  if (minor != nullptr) *minor = KELO_VERSION_MINOR;
+  if (patch != nullptr) *patch = KELO_VERSION_PATCH;
+  if (build != nullptr) *build = kBuild;
+}
+
+// ---- Iteration and section addresses ----
+
+keloDbgIterator keloDbgIter(keloDbgList list) noexcept {
+  return guarded<keloDbgIterator>(nullptr, [list]() -> keloDbgIterator {
+    if (list == nullptr || toList(list)->entries.empty()) return nullptr;
+    DebugInfoList::Map& entries = toList(list)->entries;
+    return new keloDbgIteratorRec{entries.begin(), entries.end()};
+  });
+}
+
+bool keloDbgIterNext(keloDbgIterator it) noexcept {
+  if (it == nullptr || it->current == it->end) return false;
+  ++it->current;
+  return it->current != it->end;
+}
+
+keloDbgID keloDbgIterID(keloDbgIterator it) noexcept {
+  if (it == nullptr || it->current == it->end) return keloDbgID{0, 0};
+  return toRecord(it->current->first);
+}
+
+keloDbgElf keloDbgIterELF(keloDbgIterator it) noexcept {
+  if (it == nullptr || it->current == it->end) return nullptr;
+  return toHandle(&it->current->second.elf);
+}
+
+void keloDbgIterFree(keloDbgIterator it) noexcept { delete it; }
+
+uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name) noexcept {
+  return guarded<uint32_t>(0, [&]() -> uint32_t {
+    absl::optional<DebugInfoID> key = toID(id);
+    if (list == nullptr || name == nullptr || !key) return 0;
+    return toList(list)->getSectionAddr(*key, std::string(name));
+  });
+}
+
+void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uint32_t addr) noexcept {
+  guarded([&] {
+    absl::optional<DebugInfoID> key = toID(id);
+    if (list == nullptr || name == nullptr || !key) return;
+    toList(list)->setSectionAddr(*key, std::string(name), addr);
+  });
+}
+
+// ---- Files ----
+
+bool keloDbgWrite(keloDbgList list, const char* path) noexcept {
+  return guarded(false, [&] {
+    return list != nullptr && path != nullptr && kelo_debuginfo::file::writeList(*toList(list), path);
+  });
+}
+
+keloDbgList keloDbgRead(const char* path) noexcept {
+  return guarded<keloDbgList>(nullptr, [path]() -> keloDbgList {
+    if (path == nullptr) return nullptr;
+    absl::optional<DebugInfoList> read = kelo_debuginfo::file::readList(path);
+    if (!read) return nullptr;
+    return toHandle(new DebugInfoList(std::move(*read)));
+  });
+}
+
+bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint32_t* patch) noexcept {
+  return guarded(false, [&] {
+    if (path == nullptr) return false;
+    absl::optional<kelo_debuginfo::file::FileVersion> version = kelo_debuginfo::file::readVersion(path);
+    if (!version) return false;
+    if (major != nullptr) *major = version->major;
+    if (minor != nullptr) *minor = version->minor;
+    if (patch != nullptr) *patch = version->patch;
+    return true;
+  });
+}
+
+// ---- Renumbering ----
+
+bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count) noexcept {
+  return guarded(false, [&] {
+    if (list == nullptr || (records == nullptr && count > 0)) return false;
+    // Every kind is checked before anything is allocated or the list touched.
+    for (uint32_t i = 0; i < count; ++i) {
+      if (!toID(records[i].oldID) || !toID(records[i].newID)) return false;
+    }
+    std::vector<DebugInfoNewID> pairs;
+    pairs.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) {
+      pairs.push_back(DebugInfoNewID{*toID(records[i].oldID), *toID(records[i].newID)});
+    }
+    return toList(list)->update(pairs);
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,306 @@
+// The C interface against the image library's test double: conversions,
+// ownership of copies, iteration, section addresses, renumbering, merging
+// and the file calls.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "capi/capi_support.h"
+
+namespace {
+
+using namespace capi_test;
+
+constexpr keloDbgID kA{1, 0x00011234};
+
+class CApi : public ::testing::Test {
+ protected:
+  void SetUp() override { elf_double::reset(); }
+  void TearDown() override {
+    lists_.clear();
+    EXPECT_EQ(elf_double::control().live(), 0) << "images leaked";
+    EXPECT_EQ(elf_double::control().liveImplementations, 0);
+  }
+  keloDbgList newList() {
+    lists_.emplace_back(keloDbgAlloc());
+    return lists_.back().get();
+  }
+  // A list holding kind 1 numbers 1, 2 and 3, each with .text recorded.
+  keloDbgList threeEntries() {
+    keloDbgList l = newList();
+    for (uint16_t n = 1; n <= 3; ++n) {
+      addImage(l, n, 0);
+      keloDbgSetSectionAddr(l, keloDbgID{1, n}, ".text", 0x100u * n);
+    }
+    return l;
+  }
+
+ private:
+  std::vector<ListPtr> lists_;
+};
+
+TEST(CApiVersion, ReportsOneOneTwoUnknownWithAStaticBuildText) {
+  uint32_t major = 0, minor = 0, patch = 0;
+  const char* build = nullptr;
+  const char* again = nullptr;
+  keloDbgVersion(&major, &minor, &patch, &build);
+  keloDbgVersion(nullptr, nullptr, nullptr, &again);
+  keloDbgVersion(nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(major, 1u);
+  EXPECT_EQ(minor, 1u);
+  EXPECT_EQ(patch, 2u);
+  ASSERT_NE(build, nullptr);
+  EXPECT_STREQ(build, "unknown");
+  EXPECT_EQ(build, again);
+}
+
+TEST_F(CApi, NullHandlesAndNamesGiveFailureResults) {
+  keloDbgList l = threeEntries();
+  const Snapshot before = snapshot(l);
+  kelo_elf::ELF source = elf_double::image();
+  keloDbgFree(nullptr);
+  keloDbgIterFree(nullptr);
+  keloDbgClear(nullptr);
+  EXPECT_EQ(keloDbgAdd(nullptr, handle(source), 1, 0), nullptr);
+  EXPECT_EQ(keloDbgAdd(l, nullptr, 9, 0), nullptr);
+  EXPECT_FALSE(keloDbgMerge(nullptr, l));
+  EXPECT_FALSE(keloDbgMerge(l, nullptr));
+  EXPECT_EQ(keloDbgFind(nullptr, kA), nullptr);
+  EXPECT_EQ(keloDbgIter(nullptr), nullptr);
+  EXPECT_FALSE(keloDbgIterNext(nullptr));
+  EXPECT_EQ(keloDbgIterID(nullptr).kind, 0u);
+  EXPECT_EQ(keloDbgIterELF(nullptr), nullptr);
+  EXPECT_EQ(keloDbgGetSectionAddr(nullptr, keloDbgID{1, 1}, ".text"), 0u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 1}, nullptr), 0u);
+  keloDbgSetSectionAddr(l, keloDbgID{1, 1}, nullptr, 7);
+  EXPECT_FALSE(keloDbgWrite(nullptr, "/tmp/never"));
+  EXPECT_FALSE(keloDbgWrite(l, nullptr));
+  EXPECT_EQ(keloDbgRead(nullptr), nullptr);
+  EXPECT_FALSE(keloDbgFileVersion(nullptr, nullptr, nullptr, nullptr));
+  EXPECT_FALSE(keloDbgUpdate(nullptr, nullptr, 0));
+  EXPECT_FALSE(keloDbgUpdate(l, nullptr, 1));
+  EXPECT_EQ(snapshot(l), before);
+  EXPECT_EQ(source.debugInfoID, absl::nullopt);
+}
+
+TEST_F(CApi, AddFilesACopyUnderKindOneAndLeavesTheCallersImageAlone) {
+  keloDbgList l = newList();
+  kelo_elf::ELF source = elf_double::image({".text", ".kelo.overlay"});
+  source.debugInfoID = kelo_elf::DebugInfoID(0, 5, 6);
+  keloDbgElf stored = keloDbgAddForCU(l, handle(source), 0x1234, 0x0001);
+  ASSERT_NE(stored, nullptr);
+  EXPECT_NE(image(stored), &source);
+  EXPECT_EQ(image(stored)->debugInfoID, kelo_elf::DebugInfoID(1, 0x1234, 0x0001));
+  EXPECT_EQ(image(stored)->sectionNames(), source.sectionNames());
+  EXPECT_EQ(source.debugInfoID, kelo_elf::DebugInfoID(0, 5, 6));
+  EXPECT_TRUE(source.hasSection(".kelo.overlay"));
+
+  EXPECT_EQ(keloDbgFind(l, kA), stored);
+  EXPECT_EQ(keloDbgFind(l, keloDbgID{0, 0x00011234}), nullptr);
+  keloDbgIterator it = keloDbgIter(l);
+  EXPECT_EQ(keloDbgIterID(it).kind, 1u);
+  EXPECT_EQ(keloDbgIterID(it).id, 0x00011234u);
+  keloDbgIterFree(it);
+
+  // The same identifier again: the first copy stays, the new one is dropped.
+  kelo_elf::ELF other = elf_double::image({".other"});
+  EXPECT_EQ(keloDbgAdd(l, handle(other), 0x1234, 0x0001), stored);
+  EXPECT_EQ(listOf(l).entries.size(), 1u);
+  EXPECT_FALSE(image(stored)->hasSection(".other"));
+  EXPECT_EQ(other.debugInfoID, absl::nullopt);
+}
+
+TEST_F(CApi, AddReturnsNullWhenTheImageCannotBeCopied) {
+  keloDbgList l = threeEntries();
+  const Snapshot before = snapshot(l);
+  elf_double::control().saveFault = elf_double::Fault::kFail;
+  EXPECT_EQ(addImage(l, 9, 0), nullptr);
+  elf_double::control().saveFault = elf_double::Fault::kNone;
+  elf_double::control().loadFault = elf_double::Fault::kFail;
+  elf_double::control().loadCountdown = 1;  // the first load makes the caller's image
+  EXPECT_EQ(addImage(l, 9, 0), nullptr);
+  EXPECT_EQ(snapshot(l), before);
+}
+
+TEST_F(CApi, KindsOtherThanZeroAndOneAreRefusedEverywhere) {
+  keloDbgList l = threeEntries();
+  listOf(l).entries.emplace(kelo_elf::DebugInfoID(2, 1, 0), kelo_debuginfo::RelocELF(elf_double::image()));
+  const Snapshot before = snapshot(l);
+  for (uint32_t kind : {2u, 0xFFFFFFFFu}) {
+    const keloDbgID bad{kind, 1};
+    EXPECT_EQ(keloDbgFind(l, bad), nullptr);
+    EXPECT_EQ(keloDbgGetSectionAddr(l, bad, ".constant"), 0u);
+    keloDbgSetSectionAddr(l, bad, ".constant", 5);
+    const keloDbgNewID badOld[] = {{{1, 1}, {1, 7}}, {bad, {1, 8}}};
+    const keloDbgNewID badNew[] = {{{1, 1}, {1, 7}}, {{1, 2}, bad}};
+    EXPECT_FALSE(keloDbgUpdate(l, badOld, 2));
+    EXPECT_FALSE(keloDbgUpdate(l, badNew, 2));
+  }
+  EXPECT_EQ(snapshot(l), before);
+
+  // A kind that only the class interface or a file can bring in is handed
+  // out unchanged by the iteration.
+  bool sawKindTwo = false;
+  keloDbgIterator it = keloDbgIter(l);
+  do sawKindTwo |= keloDbgIterID(it).kind == 2 && keloDbgIterID(it).id == 1;
+  while (keloDbgIterNext(it));
+  keloDbgIterFree(it);
+  EXPECT_TRUE(sawKindTwo);
+}
+
+TEST_F(CApi, IterationMeetsEveryEntryOnceAndStaysAtTheEnd) {
+  keloDbgList l = newList();
+  EXPECT_EQ(keloDbgIter(l), nullptr);
+  addImage(l, 1, 0);
+  keloDbgIterator one = keloDbgIter(l);
+  ASSERT_NE(one, nullptr);
+  EXPECT_FALSE(keloDbgIterNext(one));
+  EXPECT_FALSE(keloDbgIterNext(one));
+  EXPECT_EQ(keloDbgIterELF(one), nullptr);
+  keloDbgIterFree(one);
+
+  keloDbgList three = threeEntries();
+  std::map<uint32_t, int> met;
+  keloDbgIterator it = keloDbgIter(three);
+  ASSERT_NE(it, nullptr);
+  do {
+    const keloDbgID id = keloDbgIterID(it);
+    ++met[id.id];
+    EXPECT_EQ(keloDbgIterELF(it), keloDbgFind(three, id));
+  } while (keloDbgIterNext(it));
+  keloDbgIterFree(it);
+  EXPECT_EQ(met, (std::map<uint32_t, int>{{1, 1}, {2, 1}, {3, 1}}));
+
+  keloDbgClear(three);
+  EXPECT_EQ(keloDbgIter(three), nullptr);
+  EXPECT_NE(addImage(three, 1, 0), nullptr);
+}
+
+TEST_F(CApi, SectionAddressesFollowTheNameRules) {
+  keloDbgList l = newList();
+  addImage(l, 0x1234, 1, {".text"});
+  keloDbgSetSectionAddr(l, kA, ".text", 0x1000);
+  keloDbgSetSectionAddr(l, kA, ".constant", 0x2000);
+  keloDbgSetSectionAddr(l, kA, ".data", 0x3000);  // the image has no .data
+  keloDbgSetSectionAddr(l, kA, ".Constant", 0x4000);
+  keloDbgSetSectionAddr(l, keloDbgID{0, 0x00011234}, ".text", 0x5000);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".text"), 0x1000u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".constant"), 0x2000u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".data"), 0u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".Constant"), 0u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{0, 0x00011234}, ".text"), 0u);
+  EXPECT_EQ(listOf(l).entries.size(), 1u);
+  keloDbgSetSectionAddr(l, kA, ".text", 0x1111);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".text"), 0x1111u);
+}
+
+TEST_F(CApi, UpdateWithNoRecordsKeepsEveryEntry) {
+  EXPECT_TRUE(keloDbgUpdate(newList(), nullptr, 0));
+  keloDbgList l = threeEntries();
+  const size_t before = listOf(l).entries.size();
+  EXPECT_TRUE(keloDbgUpdate(l, nullptr, 0));
+  EXPECT_EQ(listOf(l).entries.size(), before);
+  for (uint32_t n = 1; n <= 3; ++n) {
+    ASSERT_NE(keloDbgFind(l, keloDbgID{1, n}), nullptr);
+    EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, n}, ".text"), 0x100u * n);
+  }
+}
+
+TEST_F(CApi, UpdateRenamesAndExchangesAllAtOnce) {
+  keloDbgList l = threeEntries();
+  addImage(l, 0x1234, 1, {".text", ".only_a"});
+  keloDbgSetSectionAddr(l, kA, ".constant", 0xC0);
+  const keloDbgNewID rename[] = {{kA, {0, 7}}};
+  ASSERT_TRUE(keloDbgUpdate(l, rename, 1));
+  EXPECT_EQ(keloDbgFind(l, kA), nullptr);
+  keloDbgElf moved = keloDbgFind(l, keloDbgID{0, 7});
+  ASSERT_NE(moved, nullptr);
+  EXPECT_TRUE(image(moved)->hasSection(".only_a"));
+  EXPECT_EQ(image(moved)->debugInfoID, kelo_elf::DebugInfoID(0, 7, 0));
+  EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{0, 7}, ".constant"), 0xC0u);
+
+  const keloDbgNewID exchange[] = {{{1, 1}, {1, 2}}, {{1, 2}, {1, 1}}};
+  ASSERT_TRUE(keloDbgUpdate(l, exchange, 2));
+  EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 1}, ".text"), 0x200u);
+  EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 2}, ".text"), 0x100u);
+  EXPECT_EQ(image(keloDbgFind(l, keloDbgID{1, 1}))->debugInfoID, kelo_elf::DebugInfoID(1, 1, 0));
+}
+
+TEST_F(CApi, RefusedUpdatesChangeNothing) {
+  EXPECT_FALSE(keloDbgUpdate(newList(), std::vector<keloDbgNewID>{{{1, 1}, {1, 2}}}.data(), 1));
+  keloDbgList l = threeEntries();
+  const Snapshot before = snapshot(l);
+  const std::vector<std::vector<keloDbgNewID>> refused = {
+      {{{1, 1}, {1, 9}}, {{1, 99}, {1, 10}}},  // an absent old identifier
+      {{{1, 1}, {1, 9}}, {{1, 1}, {1, 10}}},   // a repeated old identifier
+      {{{1, 1}, {1, 9}}, {{1, 2}, {1, 9}}},    // a repeated new identifier
+      {{{1, 1}, {1, 3}}},                      // taken by an entry not renumbered
+  };
+  for (const auto& records : refused) {
+    EXPECT_FALSE(keloDbgUpdate(l, records.data(), static_cast<uint32_t>(records.size())));
+    EXPECT_EQ(snapshot(l), before);
+  }
+}
+
+TEST_F(CApi, MergeIsAllOrNothing) {
+  keloDbgList dst = threeEntries();
+  keloDbgList empty = newList();
+  const Snapshot before = snapshot(dst);
+  EXPECT_TRUE(keloDbgMerge(dst, empty));
+  EXPECT_TRUE(keloDbgMerge(empty, empty));
+  EXPECT_FALSE(keloDbgMerge(dst, dst));
+  EXPECT_EQ(snapshot(dst), before);
+
+  keloDbgList src = newList();
+  addImage(src, 10, 0);
+  addImage(src, 2, 0);  // also in dst
+  const Snapshot srcBefore = snapshot(src);
+  EXPECT_FALSE(keloDbgMerge(dst, src));
+  EXPECT_EQ(snapshot(dst), before);
+  EXPECT_EQ(snapshot(src), srcBefore);
+
+  keloDbgClear(src);
+  keloDbgElf ten = addImage(src, 10, 0);
+  keloDbgSetSectionAddr(src, keloDbgID{1, 10}, ".local", 0x77);
+  ASSERT_TRUE(keloDbgMerge(dst, src));
+  EXPECT_EQ(keloDbgIter(src), nullptr);
+  EXPECT_EQ(image(keloDbgFind(dst, keloDbgID{1, 2})), before.at(Key{1, 2, 0}).elf);
+  EXPECT_TRUE(image(keloDbgFind(dst, keloDbgID{1, 10}))->debugInfoID == image(ten)->debugInfoID);
+  EXPECT_EQ(keloDbgGetSectionAddr(dst, keloDbgID{1, 10}, ".local"), 0x77u);
+  EXPECT_NE(addImage(src, 10, 0), nullptr);  // the source stays usable
+}
+
+TEST_F(CApi, FilesRoundTripAndFailCleanly) {
+  TempDir dir;
+  keloDbgList l = threeEntries();
+  const Snapshot before = snapshot(l);
+  const std::string path = dir.file("list.kdi");
+  ASSERT_TRUE(keloDbgWrite(l, path.c_str()));
+  EXPECT_EQ(snapshot(l), before);
+  ListPtr back(keloDbgRead(path.c_str()));
+  ASSERT_NE(back, nullptr);
+  EXPECT_EQ(listOf(back.get()).entries.size(), 3u);
+  for (uint32_t n = 1; n <= 3; ++n) {
+    EXPECT_NE(keloDbgFind(back.get(), keloDbgID{1, n}), nullptr);
+    EXPECT_EQ(keloDbgGetSectionAddr(back.get(), keloDbgID{1, n}, ".text"), 0x100u * n);
+  }
+  uint32_t major = 9, minor = 9, patch = 9;
+  EXPECT_TRUE(keloDbgFileVersion(path.c_str(), &major, &minor, &patch));
+  EXPECT_EQ(std::vector<uint32_t>({major, minor, patch}), std::vector<uint32_t>({1, 1, 2}));
+  EXPECT_TRUE(keloDbgFileVersion(path.c_str(), nullptr, nullptr, nullptr));
+
+  const std::string emptyPath = dir.file("empty.kdi");
+  ASSERT_TRUE(keloDbgWrite(newList(), emptyPath.c_str()));
+  ListPtr empty(keloDbgRead(emptyPath.c_str()));
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(keloDbgIter(empty.get()), nullptr);
+
+  const std::string missing = dir.file("missing.kdi");
+  major = minor = patch = 42;
+  EXPECT_EQ(keloDbgRead(missing.c_str()), nullptr);
+  EXPECT_FALSE(keloDbgFileVersion(missing.c_str(), &major, &minor, &patch));
+  EXPECT_EQ(std::vector<uint32_t>({major, minor, patch}), std::vector<uint32_t>({42, 42, 42}));
+  EXPECT_FALSE(keloDbgWrite(l, dir.file("no/such/dir/list.kdi").c_str()));
+}
+
+}  // namespace
