@@ -1,0 +1,405 @@
+// The debug-info file with the image library's test double: exact bytes,
+// version rules, damaged files, failing writes and file-name handling.
+#include "file/DebugInfoFile.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "alloc_probe.h"
+#include "double/elf_double.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kelo_debuginfo::DebugInfoList;
+using kelo_debuginfo::file::normalizeFileName;
+using kelo_debuginfo::file::readList;
+using kelo_debuginfo::file::readListFrom;
+using kelo_debuginfo::file::readVersion;
+using kelo_debuginfo::file::writeList;
+using kelo_debuginfo::file::writeListTo;
+using kelo_elf::DebugInfoID;
+using orvel_lib::io::File;
+using Bytes = std::vector<unsigned char>;
+using Sections = std::unordered_map<std::string, unsigned>;
+using elf_double::Fault;
+
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+Bytes le64(uint64_t v) {
+  Bytes out;
+  for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+  return out;
+}
+
+Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+
+Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+Bytes header(uint8_t major = 1, uint8_t minor = 1, uint8_t patch = 2, uint8_t reserved = 0) {
+  return Bytes{0x80, 'K', 'E', 'L', 'O', 'D', 'B', 'G', major, minor, patch, reserved};
+}
+
+// One entry as the file holds it; sections in the given order.
+Bytes entry(DebugInfoID id, const Bytes& image, const std::vector<std::pair<std::string, unsigned>>& sections = {},
+            uint64_t imageLengthHigh = 0, uint64_t sectionCountHigh = 0) {
+  Bytes out{id.kind, uint8_t(id.lo), uint8_t(id.lo >> 8), uint8_t(id.hi), uint8_t(id.hi >> 8)};
+  out = out + le64(imageLengthHigh | image.size()) + image + le64(sectionCountHigh | sections.size());
+  for (const auto& s : sections) out = out + le64(s.first.size()) + text(s.first) + le32(s.second);
+  return out;
+}
+
+Bytes imageBytes(const std::vector<std::string>& sections) { return elf_double::bytesWithSections(sections); }
+
+int openFds() {
+  int n = 0;
+  for (auto it = fs::directory_iterator("/proc/self/fd"); it != fs::directory_iterator(); ++it) ++n;
+  return n;
+}
+
+class DebugInfoFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    elf_double::reset();
+    char tmpl[] = "/tmp/kelo-file-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+
+  void TearDown() override {
+    fs::remove_all(dir_);
+    // Every image that was loaded or moved has been destroyed again.
+    EXPECT_EQ(elf_double::control().liveImplementations, 0);
+  }
+
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+  void put(const std::string& name, const Bytes& bytes) const {
+    std::ofstream out(path(name), std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+
+  Bytes get(const std::string& name) const {
+    std::ifstream in(path(name), std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+
+  absl::optional<DebugInfoList> readBytes(const Bytes& bytes) const {
+    put("in.kdbg", bytes);
+    return readList(path("in.kdbg").c_str());
+  }
+
+  std::string dir_;
+};
+
+// A list whose entries have the given section tables (all names recordable:
+// the images have them).
+DebugInfoList listOf(const std::vector<std::pair<DebugInfoID, Sections>>& spec) {
+  DebugInfoList list;
+  for (const auto& e : spec) {
+    std::vector<std::string> names;
+    for (const auto& s : e.second) names.push_back(s.first);
+    list.add(e.first, elf_double::image(names));
+    for (const auto& s : e.second) list.setSectionAddr(e.first, s.first, s.second);
+  }
+  return list;
+}
+
+TEST_F(DebugInfoFileTest, EmptyListIsTheTwentyByteFileAndReadsBackEmpty) {
+  DebugInfoList list;
+  ASSERT_TRUE(writeList(list, path("empty.kdbg").c_str()));
+  EXPECT_EQ(get("empty.kdbg"), header() + le64(0));
+
+  absl::optional<DebugInfoList> read = readList(path("empty.kdbg").c_str());
+  ASSERT_TRUE(read.has_value());
+  EXPECT_TRUE(read->entries.empty());
+}
+
+TEST_F(DebugInfoFileTest, EntryLayoutIsIdentifierImageThenSections) {
+  const DebugInfoID id(1, 2, 1);
+  DebugInfoList list = listOf({{id, {{".text", 0x11223344}}}});
+  ASSERT_TRUE(writeList(list, path("one.kdbg").c_str()));
+
+  const Bytes file = get("one.kdbg");
+  EXPECT_EQ(file, header() + le64(1) + entry(id, imageBytes({".text"}), {{".text", 0x11223344}}));
+  EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + 25), (Bytes{0x01, 0x02, 0x00, 0x01, 0x00}));
+}
+
+TEST_F(DebugInfoFileTest, RoundTripKeepsIdentifiersImagesAndAddresses) {
+  std::vector<std::pair<DebugInfoID, Sections>> spec;
+  for (unsigned i = 0; i < 40; ++i) {
+    Sections sections;
+    for (unsigned s = 0; s < i % 4; ++s) sections[".s" + std::to_string(s)] = i * 1000 + s;
+    spec.push_back({DebugInfoID(uint8_t(i % 3 == 2 ? 255 : i % 2), uint16_t(i * 7), uint16_t(i % 5)), sections});
+  }
+  DebugInfoList list = listOf(spec);
+  list.setSectionAddr(spec[0].first, ".constant", 0xFFFFFFFF);
+  spec[0].second[".constant"] = 0xFFFFFFFF;
+  ASSERT_TRUE(writeList(list, path("many.kdbg").c_str()));
+  EXPECT_EQ(list.entries.size(), spec.size());  // writing leaves the list alone
+
+  absl::optional<DebugInfoList> read = readList(path("many.kdbg").c_str());
+  ASSERT_TRUE(read.has_value());
+  ASSERT_EQ(read->entries.size(), spec.size());
+  for (const auto& e : spec) {
+    auto it = read->entries.find(e.first);
+    ASSERT_NE(it, read->entries.end());
+    EXPECT_EQ(it->second.sectionAddrs, e.second);
+    EXPECT_EQ(it->second.elf.sectionNames(), list.find(e.first)->sectionNames());
+    // Reading does not stamp identifiers; the double's load leaves none.
+    EXPECT_FALSE(it->second.elf.debugInfoID.has_value());
+  }
+}
+
+TEST_F(DebugInfoFileTest, EveryOneDotOneVersionIsReadOthersOnlyReported) {
+  const Bytes body = le64(1) + entry(DebugInfoID(0, 9, 0), imageBytes({".a"}));
+  for (const Bytes& h : {header(1, 1, 7), header(1, 1, 2, 0xFF)}) {
+    absl::optional<DebugInfoList> read = readBytes(h + body);
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(read->entries.size(), 1u);
+  }
+  struct Refused {
+    uint8_t major, minor;
+  };
+  for (Refused v : {Refused{1, 2}, Refused{2, 1}}) {
+    EXPECT_FALSE(readBytes(header(v.major, v.minor, 0) + body).has_value());
+    auto version = readVersion(path("in.kdbg").c_str());
+    ASSERT_TRUE(version.has_value());
+    EXPECT_EQ(version->major, v.major);
+    EXPECT_EQ(version->minor, v.minor);
+    EXPECT_EQ(version->patch, 0);
+  }
+}
+
+TEST_F(DebugInfoFileTest, MissingShortOrForeignFilesAreRefused) {
+  EXPECT_FALSE(readList(path("missing").c_str()).has_value());
+  EXPECT_FALSE(readVersion(path("missing").c_str()).has_value());
+
+  Bytes wrongMagic = header() + le64(0);
+  wrongMagic[0] = 0x00;
+  const Bytes good = header();
+  const Bytes shortHeader(good.begin(), good.end() - 1);
+  for (const Bytes& bytes : {Bytes{}, shortHeader, wrongMagic}) {
+    EXPECT_FALSE(readBytes(bytes).has_value());
+    EXPECT_FALSE(readVersion(path("in.kdbg").c_str()).has_value());
+  }
+
+  // A good header followed by a body that does not decode: only the version
+  // can be read.
+  EXPECT_FALSE(readBytes(header() + le64(1) + Bytes{1, 2}).has_value());
+  EXPECT_TRUE(readVersion(path("in.kdbg").c_str()).has_value());
+}
+
+TEST_F(DebugInfoFileTest, RepeatedIdentifiersAndSectionNamesKeepTheFirst) {
+  const DebugInfoID id(1, 5, 0);
+  absl::optional<DebugInfoList> read =
+      readBytes(header() + le64(2) + entry(id, imageBytes({".first"}), {{".x", 1}, {".y", 2}, {".x", 3}}) +
+                entry(id, imageBytes({".second"}), {{".x", 4}}));
+  ASSERT_TRUE(read.has_value());
+  ASSERT_EQ(read->entries.size(), 1u);
+  const auto& e = read->entries.at(id);
+  EXPECT_TRUE(e.elf.hasSection(".first"));
+  EXPECT_EQ(e.sectionAddrs, (Sections{{".x", 1}, {".y", 2}}));
+}
+
+TEST_F(DebugInfoFileTest, BytesAfterTheLastEntryAreIgnored) {
+  const Bytes file = header() + le64(1) + entry(DebugInfoID(1, 1, 0), imageBytes({".a"}), {{".a", 7}});
+  absl::optional<DebugInfoList> read = readBytes(file + text("trailing garbage") + le64(99));
+  ASSERT_TRUE(read.has_value());
+  EXPECT_EQ(read->entries.size(), 1u);
+  EXPECT_EQ(read->getSectionAddr(DebugInfoID(1, 1, 0), ".a"), 7u);
+}
+
+TEST_F(DebugInfoFileTest, FileCutAtAnyOffsetFailsWithNothingLeftBehind) {
+  const Bytes file = header() + le64(3) + entry(DebugInfoID(1, 1, 0), imageBytes({".a", ".b"}), {{".a", 1}}) +
+                     entry(DebugInfoID(0, 2, 3), imageBytes({})) +
+                     entry(DebugInfoID(1, 3, 0), imageBytes({".c"}), {{".c", 5}, {".local", 6}});
+  const int fds = openFds();
+  for (std::size_t cut = 0; cut < file.size(); ++cut) {
+    EXPECT_FALSE(readBytes(Bytes(file.begin(), file.begin() + cut)).has_value()) << "cut at " << cut;
+    EXPECT_EQ(elf_double::control().liveImplementations, 0) << "cut at " << cut;
+  }
+  EXPECT_EQ(openFds(), fds);
+  absl::optional<DebugInfoList> whole = readBytes(file);
+  ASSERT_TRUE(whole.has_value());
+  EXPECT_EQ(whole->entries.size(), 3u);
+}
+
+TEST_F(DebugInfoFileTest, HighHalfIsIgnoredInCountsButRefusedInNames) {
+  const DebugInfoID id(1, 1, 0);
+  const uint64_t high = uint64_t{0xDEAD} << 32;
+  const Bytes image = imageBytes({".a"});
+
+  Bytes counts = header() + le64(high | 1) + entry(id, image, {{".a", 9}}, high, high);
+  absl::optional<DebugInfoList> read = readBytes(counts);
+  ASSERT_TRUE(read.has_value());
+  EXPECT_EQ(read->getSectionAddr(id, ".a"), 9u);
+
+  Bytes name = header() + le64(1) + entry(id, image);
+  name.resize(name.size() - 8);  // replace the empty section table
+  name = name + le64(1) + le64(high | 2) + text(".a") + le32(9);
+  EXPECT_FALSE(readBytes(name).has_value());
+}
+
+TEST_F(DebugInfoFileTest, AnImageThatDoesNotLoadFailsTheWholeRead) {
+  const Bytes good = entry(DebugInfoID(1, 1, 0), imageBytes({".a"}));
+  EXPECT_FALSE(readBytes(header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), text("XXXX"))).has_value());
+  EXPECT_FALSE(readBytes(header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), {})).has_value());
+
+  // Failures and exceptions of the image library on the second image.
+  const Bytes file = header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), imageBytes({".b"}));
+  const int fds = openFds();
+  for (Fault fault : {Fault::kFail, Fault::kThrowBadAlloc, Fault::kThrowRuntime, Fault::kThrowInt}) {
+    elf_double::control().loadFault = fault;
+    elf_double::control().loadCountdown = 1;
+    absl::optional<DebugInfoList> read;
+    EXPECT_NO_THROW(read = readBytes(file));
+    EXPECT_FALSE(read.has_value());
+    EXPECT_EQ(elf_double::control().liveImplementations, 0);
+  }
+  EXPECT_EQ(openFds(), fds);
+}
+
+TEST_F(DebugInfoFileTest, ForgedImageLengthFailsWithoutABigAllocation) {
+  Bytes file = header() + le64(1) + Bytes{1, 1, 0, 0, 0} + le64(0xFFFFFFFF);
+  file.resize(100, 'K');
+  put("forged.kdbg", file);
+  alloc_probe::reset();
+  EXPECT_FALSE(readList(path("forged.kdbg").c_str()).has_value());
+  EXPECT_LE(alloc_probe::largest(), std::size_t{2} << 20);
+
+  // The same for an entry count that the file cannot back.
+  put("forged.kdbg", header() + le64(0xFFFFFFFF) + Bytes(80, 0));
+  alloc_probe::reset();
+  EXPECT_FALSE(readList(path("forged.kdbg").c_str()).has_value());
+  EXPECT_LE(alloc_probe::largest(), std::size_t{2} << 20);
+}
+
+TEST_F(DebugInfoFileTest, WriteFailuresAnswerFalse) {
+  DebugInfoList small = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
+  EXPECT_FALSE(writeList(small, path("no/such/dir/f.kdbg").c_str()));
+  EXPECT_FALSE(fs::exists(path("no")));
+
+  DebugInfoList empty;
+  EXPECT_FALSE(writeList(empty, "/dev/full"));
+  EXPECT_FALSE(writeList(small, "/dev/full"));
+  DebugInfoList large = listOf({{DebugInfoID(1, 2, 0), {}}});
+  large.entries.begin()->second.elf = elf_double::image({std::string(3 << 20, 'n')});
+  EXPECT_FALSE(writeList(large, "/dev/full"));
+}
+
+TEST_F(DebugInfoFileTest, FailedWriteLeavesTheOldFileTruncated) {
+  put("old.kdbg", Bytes(4096, 'z'));
+  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}, {DebugInfoID(1, 2, 0), {}}});
+  elf_double::control().saveFault = Fault::kFail;
+  elf_double::control().saveCountdown = 1;
+  EXPECT_FALSE(writeList(list, path("old.kdbg").c_str()));
+
+  const Bytes left = get("old.kdbg");
+  // At most the header, the count, the first entry and the second identifier.
+  EXPECT_LE(left.size(), 20 + entry(DebugInfoID(), imageBytes({".a"}), {{".a", 1}}).size() + 5);
+  ASSERT_GE(left.size(), 12u);
+  EXPECT_EQ(Bytes(left.begin(), left.begin() + 12), header());
+}
+
+TEST_F(DebugInfoFileTest, SaveFailureOrExceptionClosesTheFile) {
+  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {}}});
+  const std::string name = path("out.kdbg");
+  const int fds = openFds();
+
+  elf_double::control().saveFault = Fault::kFail;
+  EXPECT_FALSE(writeList(list, name.c_str()));
+  EXPECT_EQ(openFds(), fds);
+
+  elf_double::control().saveFault = Fault::kThrowBadAlloc;
+  EXPECT_THROW(writeList(list, name.c_str()), std::bad_alloc);
+  EXPECT_EQ(openFds(), fds);
+
+  elf_double::control().saveFault = Fault::kThrowInt;
+  EXPECT_THROW(writeList(list, name.c_str()), int);
+  EXPECT_EQ(openFds(), fds);
+
+  elf_double::control().saveFault = Fault::kNone;
+  EXPECT_TRUE(writeList(list, name.c_str()));
+  EXPECT_EQ(openFds(), fds);
+}
+
+// A write-only stream that takes at most `limit` bytes.
+struct LimitedSink {
+  std::size_t limit;
+  Bytes data;
+
+  static ssize_t write(void* cookie, const char* buf, size_t n) {
+    auto* sink = static_cast<LimitedSink*>(cookie);
+    const std::size_t room = sink->limit - sink->data.size();
+    if (room == 0) return -1;
+    const std::size_t take = n < room ? n : room;
+    sink->data.insert(sink->data.end(), buf, buf + take);
+    return static_cast<ssize_t>(take);
+  }
+
+  File open() {
+    cookie_io_functions_t io{};
+    io.write = &LimitedSink::write;
+    return File(fopencookie(this, "w", io));
+  }
+};
+
+TEST_F(DebugInfoFileTest, StreamWriteFailingAtAnyByteIsReported) {
+  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}, {".b", 2}}}, {DebugInfoID(0, 2, 0), {}}});
+  LimitedSink unlimited{std::size_t(-1), {}};
+  {
+    File f = unlimited.open();
+    ASSERT_TRUE(writeListTo(list, f));
+  }
+  const Bytes full = unlimited.data;
+  for (std::size_t limit = 0; limit < full.size(); ++limit) {
+    LimitedSink sink{limit, {}};
+    File f = sink.open();
+    EXPECT_FALSE(writeListTo(list, f)) << "limit " << limit;
+  }
+
+  // The stream forms read back what they wrote.
+  Bytes copy = full;
+  File in(fmemopen(copy.data(), copy.size(), "rb"));
+  absl::optional<DebugInfoList> read = readListFrom(in);
+  ASSERT_TRUE(read.has_value());
+  EXPECT_EQ(read->entries.size(), 2u);
+  EXPECT_EQ(read->getSectionAddr(DebugInfoID(1, 1, 0), ".b"), 2u);
+}
+
+TEST(NormalizeFileName, CollapsesRunsOfSlashesAndNothingElse) {
+  EXPECT_EQ(normalizeFileName("a//b"), "a/b");
+  EXPECT_EQ(normalizeFileName("a///b////c"), "a/b/c");
+  EXPECT_EQ(normalizeFileName("//x"), "//x");
+  EXPECT_EQ(normalizeFileName("//x//y"), "//x/y");
+  EXPECT_EQ(normalizeFileName("///x"), "/x");
+  EXPECT_EQ(normalizeFileName("//"), "/");
+  EXPECT_EQ(normalizeFileName("a/"), "a/");
+  EXPECT_EQ(normalizeFileName("./a/../b"), "./a/../b");
+  EXPECT_EQ(normalizeFileName(""), "");
+  EXPECT_EQ(normalizeFileName("\xff\xfe/\\"), "\xff\xfe/\\");
+}
+
+TEST_F(DebugInfoFileTest, DoubledSlashesNameTheSameFile) {
+  DebugInfoList list = listOf({{DebugInfoID(1, 4, 0), {}}});
+  ASSERT_TRUE(writeList(list, (dir_ + "//same.kdbg").c_str()));
+  EXPECT_TRUE(readList(path("same.kdbg").c_str()).has_value());
+  // A leading "//" is kept; on this system it names the root as well.
+  EXPECT_TRUE(readVersion(("/" + path("same.kdbg")).c_str()).has_value());
+}
+
+}  // namespace

@@ -1,0 +1,252 @@
+// The binary codec on its own: encodings, prefixes, truncation and forged
+// lengths, over temporary files and memory streams.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "alloc_probe.h"
+#include "serialize/orvel/io/File.h"
+#include "serialize/orvel/serialize/binary.h"
+
+namespace {
+
+using orvel_lib::io::File;
+using orvel_lib::serialize::Decodable;
+using orvel_lib::serialize::Encodable;
+using Encoder = orvel_lib::serialize::binary::Encoder<File>;
+using Decoder = orvel_lib::serialize::binary::Decoder<File>;
+using Bytes = std::vector<unsigned char>;
+using Sections = std::unordered_map<std::string, unsigned>;
+
+Bytes contents(File& file) {
+  std::fflush(file.get());
+  std::rewind(file.get());
+  Bytes out;
+  int c;
+  while ((c = std::fgetc(file.get())) != EOF) out.push_back(static_cast<unsigned char>(c));
+  return out;
+}
+
+// What `write` puts into an empty stream.
+Bytes encode(const std::function<Encoder::Res(Encoder&)>& write) {
+  File file(std::tmpfile());
+  Encoder enc(file);
+  EXPECT_TRUE(write(enc).isOk());
+  return contents(file);
+}
+
+// A temporary (regular) file holding `bytes`, positioned at its start.
+File fileOf(const Bytes& bytes) {
+  File file(std::tmpfile());
+  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+  std::rewind(file.get());
+  return file;
+}
+
+// A memory stream over `bytes` (kept alive by the caller): a stream whose
+// size the decoder cannot learn.
+File memoryOf(Bytes& bytes) { return File(fmemopen(bytes.data(), bytes.size(), "rb")); }
+
+Bytes le64(uint64_t v) {
+  Bytes out;
+  for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+  return out;
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+TEST(Encoding, IntegersAreFixedWidthLittleEndian) {
+  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint8_t>(0xAB); }), (Bytes{0xAB}));
+  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint16_t>(258); }), (Bytes{0x02, 0x01}));
+  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint32_t>(1); }), (Bytes{1, 0, 0, 0}));
+  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint64_t>(0x0102030405060708); }),
+            (Bytes{8, 7, 6, 5, 4, 3, 2, 1}));
+
+  File file = fileOf({0x02, 0x01, 0x78, 0x56, 0x34, 0x12, 0xFF});
+  Decoder dec(file);
+  EXPECT_EQ(dec.readInt<uint16_t>().value(), 258u);
+  EXPECT_EQ(dec.readInt<uint32_t>().value(), 0x12345678u);
+  EXPECT_EQ(dec.readInt<uint8_t>().value(), 0xFFu);
+  EXPECT_FALSE(dec.readInt<uint8_t>().isOk());
+}
+
+TEST(Encoding, CountPrefixIsEightBytesThenTheElements) {
+  Bytes seq = encode([](Encoder& e) {
+    return e.emitSeq(3, [](Encoder& inner) {
+      auto r = inner.emitInt<uint8_t>(7);
+      if (r.isOk()) r = inner.emitInt<uint8_t>(8);
+      if (r.isOk()) r = inner.emitInt<uint8_t>(9);
+      return r;
+    });
+  });
+  EXPECT_EQ(seq, (Bytes{3, 0, 0, 0, 0, 0, 0, 0, 7, 8, 9}));
+}
+
+TEST(Encoding, EmptyStringSequenceAndMapAreEightZeroBytesEachWay) {
+  const Bytes zeros(8, 0);
+  EXPECT_EQ(encode([](Encoder& e) { return e.emitStr(""); }), zeros);
+  EXPECT_EQ(encode([](Encoder& e) { return Encodable<absl::Span<unsigned char const>>::encode({}, e); }), zeros);
+  const Sections none;
+  EXPECT_EQ(encode([&](Encoder& e) { return Encodable<Sections>::encode(none, e); }), zeros);
+
+  // Each reads back empty and consumes exactly its 8 bytes.
+  const Bytes stream = zeros + Bytes{0x5A};
+  {
+    File f = fileOf(stream);
+    Decoder dec(f);
+    EXPECT_EQ(dec.readStr().value(), "");
+    EXPECT_EQ(std::ftell(f.get()), 8);
+  }
+  {
+    File f = fileOf(stream);
+    Decoder dec(f);
+    EXPECT_TRUE(Decodable<Bytes>::decode(dec).value().empty());
+    EXPECT_EQ(std::ftell(f.get()), 8);
+  }
+  {
+    File f = fileOf(stream);
+    Decoder dec(f);
+    EXPECT_TRUE(Decodable<Sections>::decode(dec).value().empty());
+    EXPECT_EQ(std::ftell(f.get()), 8);
+  }
+}
+
+TEST(Encoding, StringsWithNulBytesRoundTrip) {
+  const std::string s("\0a\0\xff\0", 5);
+  const Bytes bytes = encode([&](Encoder& e) { return e.emitStr(s); });
+  EXPECT_EQ(bytes, le64(5) + text(s));
+  File f = fileOf(bytes);
+  Decoder dec(f);
+  EXPECT_EQ(dec.readStr().value(), s);
+}
+
+TEST(Encoding, MapsRoundTripInAnyOrder) {
+  const Sections sections{{".text", 0x1000}, {std::string("\0x", 2), 0}, {".local", 0xFFFFFFFF}};
+  File f = fileOf(encode([&](Encoder& e) { return Encodable<Sections>::encode(sections, e); }));
+  Decoder dec(f);
+  EXPECT_EQ(Decodable<Sections>::decode(dec).value(), sections);
+}
+
+TEST(Decoding, StringPrefixWithHighHalfSetIsAnError) {
+  for (uint64_t prefix : {(uint64_t{1} << 32) | 3, uint64_t{1} << 32, uint64_t{0xFFFFFFFF} << 32}) {
+    File f = fileOf(le64(prefix) + text("abcdef"));
+    Decoder dec(f);
+    EXPECT_FALSE(dec.readStr().isOk()) << prefix;
+  }
+}
+
+TEST(Decoding, SequenceAndMapCountsUseTheLowHalfOnly) {
+  File seq = fileOf(le64((uint64_t{7} << 32) | 2) + Bytes{0xAA, 0xBB});
+  Decoder seqDec(seq);
+  EXPECT_EQ(Decodable<Bytes>::decode(seqDec).value(), (Bytes{0xAA, 0xBB}));
+
+  File map = fileOf(le64((uint64_t{1} << 63) | 1) + le64(2) + text("ab") + Bytes{1, 0, 0, 0});
+  Decoder mapDec(map);
+  EXPECT_EQ(Decodable<Sections>::decode(mapDec).value(), (Sections{{"ab", 1}}));
+}
+
+TEST(Decoding, RepeatedMapKeyKeepsTheValueReadFirst) {
+  File f = fileOf(le64(3) + le64(1) + text("a") + Bytes{1, 0, 0, 0} + le64(1) + text("b") + Bytes{2, 0, 0, 0} +
+                  le64(1) + text("a") + Bytes{3, 0, 0, 0});
+  Decoder dec(f);
+  EXPECT_EQ(Decodable<Sections>::decode(dec).value(), (Sections{{"a", 1}, {"b", 2}}));
+}
+
+TEST(Decoding, StreamEndingInsideAnyFieldIsAnError) {
+  struct Case {
+    const char* what;
+    Bytes full;
+    std::function<bool(Decoder&)> read;
+  };
+  const std::vector<Case> cases = {
+      {"int", {1, 2, 3, 4}, [](Decoder& d) { return d.readInt<uint32_t>().isOk(); }},
+      {"string", le64(5) + text("hello"), [](Decoder& d) { return d.readStr().isOk(); }},
+      {"bytes", le64(3) + Bytes{1, 2, 3}, [](Decoder& d) { return Decodable<Bytes>::decode(d).isOk(); }},
+      {"map", le64(2) + le64(1) + text("a") + Bytes{1, 0, 0, 0} + le64(1) + text("b") + Bytes{2, 0, 0, 0},
+       [](Decoder& d) { return Decodable<Sections>::decode(d).isOk(); }},
+  };
+  for (const Case& c : cases) {
+    for (std::size_t cut = 0; cut <= c.full.size(); ++cut) {
+      File f = fileOf(Bytes(c.full.begin(), c.full.begin() + cut));
+      Decoder dec(f);
+      EXPECT_EQ(c.read(dec), cut == c.full.size()) << c.what << " cut at " << cut;
+    }
+  }
+}
+
+TEST(Decoding, ForgedLengthFailsWithoutABigAllocation) {
+  const Bytes stream = le64(0xFFFFFFFF) + Bytes(92, 'x');
+  for (bool regular : {true, false}) {
+    Bytes backing = stream;
+    {
+      File f = regular ? fileOf(stream) : memoryOf(backing);
+      Decoder dec(f);
+      alloc_probe::reset();
+      EXPECT_FALSE(dec.readStr().isOk());
+      EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
+    }
+    {
+      File f = regular ? fileOf(stream) : memoryOf(backing);
+      Decoder dec(f);
+      alloc_probe::reset();
+      EXPECT_FALSE(Decodable<Bytes>::decode(dec).isOk());
+      EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
+    }
+  }
+}
+
+TEST(Decoding, LongSequencesAndStringsSpanningManyStepsRoundTrip) {
+  Bytes payload(3 * Decoder::kReadStep + 5);
+  for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<unsigned char>(i * 131 + (i >> 12));
+  const Bytes stream = le64(payload.size()) + payload;
+  for (bool regular : {true, false}) {
+    Bytes backing = stream;
+    File seq = regular ? fileOf(stream) : memoryOf(backing);
+    Decoder seqDec(seq);
+    EXPECT_EQ(Decodable<Bytes>::decode(seqDec).value(), payload) << "regular " << regular;
+
+    File str = regular ? fileOf(stream) : memoryOf(backing);
+    Decoder strDec(str);
+    EXPECT_EQ(strDec.readStr().value(), std::string(payload.begin(), payload.end())) << "regular " << regular;
+  }
+}
+
+TEST(Decoding, ByteBufferIsReusedAcrossReads) {
+  File f = fileOf(le64(4) + Bytes{1, 2, 3, 4} + le64(2) + Bytes{5, 6});
+  Decoder dec(f);
+  Bytes buffer;
+  ASSERT_TRUE(Decodable<Bytes>::decodeInto(dec, buffer).isOk());
+  EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4}));
+  const unsigned char* storage = buffer.data();
+  ASSERT_TRUE(Decodable<Bytes>::decodeInto(dec, buffer).isOk());
+  EXPECT_EQ(buffer, (Bytes{5, 6}));
+  EXPECT_EQ(buffer.data(), storage);
+}
+
+TEST(File, MoveTransfersOwnershipAndCloseReportsLostData) {
+  File a(std::tmpfile());
+  std::FILE* stream = a.get();
+  File b(std::move(a));
+  EXPECT_EQ(a.get(), nullptr);
+  EXPECT_EQ(b.get(), stream);
+  EXPECT_TRUE(b.close());
+  EXPECT_FALSE(b);
+
+  File full(std::fopen("/dev/full", "wb"));
+  ASSERT_TRUE(full);
+  ASSERT_TRUE(full.setBuffer(1 << 16));
+  ASSERT_EQ(std::fwrite("abc", 1, 3, full.get()), 3u);  // buffered, not yet failed
+  EXPECT_FALSE(full.close());
+}
+
+}  // namespace
