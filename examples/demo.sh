@@ -31,12 +31,13 @@ fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/kelodbg-demo.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-objects=$work
+objects=$work/objects
 if [[ -n $dir && -f $dir/examples/main.o && -f $dir/examples/util.o && -f $dir/examples/extra.o ]]; then
   objects=$dir/examples
 else
+  mkdir "$objects"
   for name in main util extra; do
-    "${CC:-cc}" -std=c11 -O1 -g -c "$here/$name.c" -o "$work/$name.o"
+    "${CC:-cc}" -std=c11 -O1 -g -c "$here/$name.c" -o "$objects/$name.o"
   done
 fi
 

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Installs the build tree into a temporary prefix and builds small consumers
+# against the installation: with find_package and with pkg-config, in C and
+# in C++. Then runs them, the installed kelodbg, and the demo on the
+# installation.
+#
+# Usage: package_test.sh BUILD_DIR SOURCE_DIR EXAMPLES_DIR
+set -euo pipefail
+
+build=$1
+source=$2
+examples=$3
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/kelo-package.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "install into $prefix"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+for f in include/kelo/debuginfo.h include/kelo/DebugInfoList.h include/kelo/elf.h include/kelo/elf.hpp bin/kelodbg; do
+  [[ -e $prefix/$f ]] || { echo "not installed: $f" >&2; exit 1; }
+done
+pcdir=$(dirname "$(find "$prefix" -name kelo-debuginfo.pc | head -1)")
+libdir=$(dirname "$(find "$prefix" -name 'libkelo_debuginfo.so' | head -1)")
+
+step "find_package(KeloDebugInfo)"
+cmake -S "$source/tests/package/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DKELO_SOURCE_DIR="$source" -DCMAKE_BUILD_TYPE=Release >"$work/configure.log" ||
+  { cat "$work/configure.log" >&2; exit 1; }
+cmake --build "$work/cmake-build" -j2
+"$work/cmake-build/c_consumer" "$examples/main.o" "$work/c.kdbg"
+"$work/cmake-build/cxx_consumer" "$examples/main.o"
+
+step "pkg-config kelo-debuginfo kelo-elf"
+export PKG_CONFIG_PATH=$pcdir
+pkg-config --exists --print-errors kelo-debuginfo kelo-elf
+[[ $(pkg-config --modversion kelo-debuginfo) == $(pkg-config --modversion kelo-elf) ]]
+flags=$(pkg-config --cflags --libs kelo-debuginfo kelo-elf)
+# shellcheck disable=SC2086
+"${CC:-cc}" -std=c11 -Wall -Wextra -Werror "$source/examples/c_example.c" -o "$work/c_pc" $flags -Wl,-rpath,"$libdir"
+# shellcheck disable=SC2086
+"${CXX:-c++}" -std=c++17 -Wall -Wextra -Werror "$source/tests/package/consumer.cpp" -o "$work/cxx_pc" $flags \
+  -Wl,-rpath,"$libdir"
+"$work/c_pc" "$examples/main.o" "$work/c_pc.kdbg"
+"$work/cxx_pc" "$examples/main.o"
+cmp "$work/c.kdbg" "$work/c_pc.kdbg"
+
+step "the installed kelodbg reads what the consumers wrote"
+"$prefix/bin/kelodbg" list "$work/c.kdbg"
+
+step "the demo on the installation"
+bash "$source/examples/demo.sh" "$prefix" >"$work/demo.log" || { cat "$work/demo.log" >&2; exit 1; }
+tail -1 "$work/demo.log"
+
+echo "package test passed"
