@@ -2,9 +2,11 @@
 // lengths, over temporary files and memory streams.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -185,8 +187,12 @@ TEST(Decoding, StreamEndingInsideAnyFieldIsAnError) {
 }
 
 TEST(Decoding, ForgedLengthFailsWithoutABigAllocation) {
-  const Bytes stream = le64(0xFFFFFFFF) + Bytes(92, 'x');
+  // The largest lengths that the containers accept: 2^32 - 1 on a 64-bit
+  // host, smaller on a 32-bit one (beyond them, see the next test).
+  const uint64_t stringLength = std::min<uint64_t>(0xFFFFFFFF, std::string().max_size());
+  const uint64_t byteCount = std::min<uint64_t>(0xFFFFFFFF, Bytes().max_size());
   for (bool regular : {true, false}) {
+    const Bytes stream = le64(stringLength) + Bytes(92, 'x');
     Bytes backing = stream;
     {
       File f = regular ? fileOf(stream) : memoryOf(backing);
@@ -196,12 +202,31 @@ TEST(Decoding, ForgedLengthFailsWithoutABigAllocation) {
       EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
     }
     {
-      File f = regular ? fileOf(stream) : memoryOf(backing);
+      const Bytes seqStream = le64(byteCount) + Bytes(92, 'x');
+      Bytes seqBacking = seqStream;
+      File f = regular ? fileOf(seqStream) : memoryOf(seqBacking);
       Decoder dec(f);
       alloc_probe::reset();
       EXPECT_FALSE(Decodable<Bytes>::decode(dec).isOk());
       EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
     }
+  }
+}
+
+TEST(Decoding, LengthsBeyondTheContainerLimitRaiseLengthErrors) {
+  // Only reachable where size_t is 32 bits.
+  if (Bytes().max_size() >= 0xFFFFFFFF && std::string().max_size() >= 0xFFFFFFFF) {
+    GTEST_SKIP() << "every 32-bit length fits the containers here";
+  }
+  if (Bytes().max_size() < 0xFFFFFFFF) {
+    File f = fileOf(le64(0xFFFFFFFF) + Bytes(8, 0));
+    Decoder dec(f);
+    EXPECT_THROW(Decodable<Bytes>::decode(dec), std::length_error);
+  }
+  if (std::string().max_size() < 0xFFFFFFFF) {
+    File f = fileOf(le64(0xFFFFFFFF) + Bytes(8, 0));
+    Decoder dec(f);
+    EXPECT_THROW(dec.readStr(), std::length_error);
   }
 }
 

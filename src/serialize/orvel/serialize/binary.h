@@ -61,7 +61,14 @@ constexpr bool isCodecInt() {
 
 // Counts and lengths are 32-bit on the writing side; anything larger cannot
 // be written in a form the reader accepts.
-inline bool fitsCount(std::size_t n) { return n <= std::numeric_limits<unsigned>::max(); }
+inline bool fitsCount(std::size_t n) {
+  if constexpr (sizeof(std::size_t) > sizeof(unsigned)) {
+    return n <= std::numeric_limits<unsigned>::max();
+  } else {
+    static_cast<void>(n);
+    return true;
+  }
+}
 
 }  // namespace detail
 
