@@ -110,18 +110,6 @@ TEST_F(CApi, AddFilesACopyUnderKindOneAndLeavesTheCallersImageAlone) {
   EXPECT_EQ(other.debugInfoID, absl::nullopt);
 }
 
-TEST_F(CApi, AddReturnsNullWhenTheImageCannotBeCopied) {
-  keloDbgList l = threeEntries();
-  const Snapshot before = snapshot(l);
-  elf_double::control().saveFault = elf_double::Fault::kFail;
-  EXPECT_EQ(addImage(l, 9, 0), nullptr);
-  elf_double::control().saveFault = elf_double::Fault::kNone;
-  elf_double::control().loadFault = elf_double::Fault::kFail;
-  elf_double::control().loadCountdown = 1;  // the first load makes the caller's image
-  EXPECT_EQ(addImage(l, 9, 0), nullptr);
-  EXPECT_EQ(snapshot(l), before);
-}
-
 TEST_F(CApi, KindsOtherThanZeroAndOneAreRefusedEverywhere) {
   keloDbgList l = threeEntries();
   listOf(l).entries.emplace(kelo_elf::DebugInfoID(2, 1, 0), kelo_debuginfo::RelocELF(elf_double::image()));
