@@ -132,60 +132,6 @@ TEST(Encoding, StringsWithNulBytesRoundTrip) {
   EXPECT_EQ(dec.readStr().value(), s);
 }
 
-TEST(Encoding, MapsRoundTripInAnyOrder) {
-  const Sections sections{{".text", 0x1000}, {std::string("\0x", 2), 0}, {".local", 0xFFFFFFFF}};
-  File f = fileOf(encode([&](Encoder& e) { return Encodable<Sections>::encode(sections, e); }));
-  Decoder dec(f);
-  EXPECT_EQ(Decodable<Sections>::decode(dec).value(), sections);
-}
-
-TEST(Decoding, StringPrefixWithHighHalfSetIsAnError) {
-  for (uint64_t prefix : {(uint64_t{1} << 32) | 3, uint64_t{1} << 32, uint64_t{0xFFFFFFFF} << 32}) {
-    File f = fileOf(le64(prefix) + text("abcdef"));
-    Decoder dec(f);
-    EXPECT_FALSE(dec.readStr().isOk()) << prefix;
-  }
-}
-
-TEST(Decoding, SequenceAndMapCountsUseTheLowHalfOnly) {
-  File seq = fileOf(le64((uint64_t{7} << 32) | 2) + Bytes{0xAA, 0xBB});
-  Decoder seqDec(seq);
-  EXPECT_EQ(Decodable<Bytes>::decode(seqDec).value(), (Bytes{0xAA, 0xBB}));
-
-  File map = fileOf(le64((uint64_t{1} << 63) | 1) + le64(2) + text("ab") + Bytes{1, 0, 0, 0});
-  Decoder mapDec(map);
-  EXPECT_EQ(Decodable<Sections>::decode(mapDec).value(), (Sections{{"ab", 1}}));
-}
-
-TEST(Decoding, RepeatedMapKeyKeepsTheValueReadFirst) {
-  File f = fileOf(le64(3) + le64(1) + text("a") + Bytes{1, 0, 0, 0} + le64(1) + text("b") + Bytes{2, 0, 0, 0} +
-                  le64(1) + text("a") + Bytes{3, 0, 0, 0});
-  Decoder dec(f);
-  EXPECT_EQ(Decodable<Sections>::decode(dec).value(), (Sections{{"a", 1}, {"b", 2}}));
-}
-
-TEST(Decoding, StreamEndingInsideAnyFieldIsAnError) {
-  struct Case {
-    const char* what;
-    Bytes full;
-    std::function<bool(Decoder&)> read;
-  };
-  const std::vector<Case> cases = {
-      {"int", {1, 2, 3, 4}, [](Decoder& d) { return d.readInt<uint32_t>().isOk(); }},
-      {"string", le64(5) + text("hello"), [](Decoder& d) { return d.readStr().isOk(); }},
-      {"bytes", le64(3) + Bytes{1, 2, 3}, [](Decoder& d) { return Decodable<Bytes>::decode(d).isOk(); }},
-      {"map", le64(2) + le64(1) + text("a") + Bytes{1, 0, 0, 0} + le64(1) + text("b") + Bytes{2, 0, 0, 0},
-       [](Decoder& d) { return Decodable<Sections>::decode(d).isOk(); }},
-  };
-  for (const Case& c : cases) {
-    for (std::size_t cut = 0; cut <= c.full.size(); ++cut) {
-      File f = fileOf(Bytes(c.full.begin(), c.full.begin() + cut));
-      Decoder dec(f);
-      EXPECT_EQ(c.read(dec), cut == c.full.size()) << c.what << " cut at " << cut;
-    }
-  }
-}
-
 TEST(Decoding, ForgedLengthFailsWithoutABigAllocation) {
   // The largest lengths that the containers accept: 2^32 - 1 on a 64-bit
   // host, smaller on a 32-bit one (beyond them, see the next test).
