@@ -56,28 +56,28 @@ size_t sectionHeaderAt(const Bytes& elf, uint64_t index) {
   return static_cast<size_t>(get(elf, l.shoffAt, l.addr, l.big) + index * l.shdrSize);
 }
 
-Bytes craft(const Crafted& spec) {
-  Bytes out(spec.is64 ? 64 : 52, 0);
-  const Layout l = layoutOf(Bytes{0x7f, 'E', 'L', 'F', static_cast<unsigned char>(spec.is64 ? 2 : 1),
-                                  static_cast<unsigned char>(spec.big ? 2 : 1)});
+Bytes craft(const Crafted& want) {
+  Bytes out(want.is64 ? 64 : 52, 0);
+  const Layout l = layoutOf(Bytes{0x7f, 'E', 'L', 'F', static_cast<unsigned char>(want.is64 ? 2 : 1),
+                                  static_cast<unsigned char>(want.big ? 2 : 1)});
   const unsigned char ident[] = {
-      0x7f, 'E', 'L', 'F', static_cast<unsigned char>(spec.is64 ? 2 : 1), static_cast<unsigned char>(spec.big ? 2 : 1),
+      0x7f, 'E', 'L', 'F', static_cast<unsigned char>(want.is64 ? 2 : 1), static_cast<unsigned char>(want.big ? 2 : 1),
       1};
   std::copy(std::begin(ident), std::end(ident), out.begin());
-  put(out, 16, 2, 1, spec.big);                               // e_type: relocatable
-  put(out, 18, 2, 2, spec.big);                               // e_machine: any
-  put(out, 20, 4, 1, spec.big);                               // e_version
-  put(out, l.shoffAt + l.addr + 4, 2, out.size(), spec.big);  // e_ehsize
+  put(out, 16, 2, 1, want.big);                               // e_type: relocatable
+  put(out, 18, 2, 2, want.big);                               // e_machine: any
+  put(out, 20, 4, 1, want.big);                               // e_version
+  put(out, l.shoffAt + l.addr + 4, 2, out.size(), want.big);  // e_ehsize
 
   // Section contents, then the name table.
   std::vector<size_t> contentAt, nameAt;
-  for (size_t i = 0; i < spec.sections.size(); ++i) {
+  for (size_t i = 0; i < want.sections.size(); ++i) {
     contentAt.push_back(out.size());
     for (unsigned char c : {0xde, 0xad, 0xbe, 0xef}) out.push_back(c);
   }
   const size_t strtabAt = out.size();
   out.push_back(0);
-  std::vector<std::string> names = spec.sections;
+  std::vector<std::string> names = want.sections;
   names.push_back(".shstrtab");
   for (const std::string& n : names) {
     nameAt.push_back(out.size() - strtabAt);
@@ -92,24 +92,24 @@ Bytes craft(const Crafted& spec) {
   out.resize(out.size() + count * l.shdrSize, 0);
   auto header = [&](size_t index, uint64_t name, uint64_t type, uint64_t offset, uint64_t size) {
     const size_t at = shoff + index * l.shdrSize;
-    put(out, at + l.shNameAt, 4, name, spec.big);
-    put(out, at + l.shTypeAt, 4, type, spec.big);
-    put(out, at + l.shOffsetAt, l.addr, offset, spec.big);
-    put(out, at + l.shSizeAt, l.addr, size, spec.big);
+    put(out, at + l.shNameAt, 4, name, want.big);
+    put(out, at + l.shTypeAt, 4, type, want.big);
+    put(out, at + l.shOffsetAt, l.addr, offset, want.big);
+    put(out, at + l.shSizeAt, l.addr, size, want.big);
   };
-  for (size_t i = 0; i < spec.sections.size(); ++i) header(i + 1, nameAt[i], 1 /* PROGBITS */, contentAt[i], 4);
+  for (size_t i = 0; i < want.sections.size(); ++i) header(i + 1, nameAt[i], 1 /* PROGBITS */, contentAt[i], 4);
   header(count - 1, nameAt.back(), 3 /* STRTAB */, strtabAt, strtabSize);
 
-  put(out, l.shoffAt, l.addr, shoff, spec.big);
-  put(out, l.shentsizeAt, 2, l.shdrSize, spec.big);
-  if (spec.extendedNumbering) {
-    put(out, l.shnumAt, 2, 0, spec.big);
-    put(out, l.shstrndxAt, 2, 0xffff, spec.big);  // SHN_XINDEX
-    put(out, shoff + l.shSizeAt, l.addr, count, spec.big);
-    put(out, shoff + l.shLinkAt, 4, count - 1, spec.big);
+  put(out, l.shoffAt, l.addr, shoff, want.big);
+  put(out, l.shentsizeAt, 2, l.shdrSize, want.big);
+  if (want.extendedNumbering) {
+    put(out, l.shnumAt, 2, 0, want.big);
+    put(out, l.shstrndxAt, 2, 0xffff, want.big);  // SHN_XINDEX
+    put(out, shoff + l.shSizeAt, l.addr, count, want.big);
+    put(out, shoff + l.shLinkAt, 4, count - 1, want.big);
   } else {
-    put(out, l.shnumAt, 2, count, spec.big);
-    put(out, l.shstrndxAt, 2, count - 1, spec.big);
+    put(out, l.shnumAt, 2, count, want.big);
+    put(out, l.shstrndxAt, 2, count - 1, want.big);
   }
   return out;
 }

@@ -45,7 +45,7 @@ struct Crafted {
 };
 // A minimal relocatable file: header, section contents, the section-name
 // string table (last section, ".shstrtab"), then the section header table.
-Bytes craft(const Crafted& spec);
+Bytes craft(const Crafted& want);
 
 }  // namespace elf_test
 
