@@ -275,7 +275,9 @@ bool writeList(DebugInfoList& list, const char* name) {
   const bool written = writeBody(list, file);
   // Buffered bytes may still fail to reach the file: only a clean flush and
   // close make the write a success.
-  const bool flushed = std::fflush(file.get()) == 0;
+  // glibc's fwrite can report a full count for a failed write that bypassed
+  // the buffer; the stream's error indicator is the reliable witness.
+  const bool flushed = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0;
   const bool closed = file.close();
   return written && flushed && closed;
 }
@@ -299,7 +301,7 @@ absl::optional<FileVersion> readVersion(const char* name) {
 bool writeListTo(DebugInfoList& list, File& file) {
   if (!file) return false;
   const bool written = writeHeader(file) && writeBody(list, file);
-  return std::fflush(file.get()) == 0 && written;
+  return std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0 && written;
 }
 
 absl::optional<DebugInfoList> readListFrom(File& file) {
@@ -311,6 +313,7 @@ absl::optional<DebugInfoList> readListFrom(File& file) {
 
 std::string normalizeFileName(const char* name) {
   std::string out;
+  if (name == nullptr) return out;
   const std::size_t len = std::strlen(name);
   out.reserve(len);
   std::size_t i = 0;

@@ -47,7 +47,8 @@ bool writeListTo(DebugInfoList& list, orvel_lib::io::File& file);
 absl::optional<DebugInfoList> readListFrom(orvel_lib::io::File& file);
 
 // The file name as it is handed to fopen: runs of '/' collapsed into one,
-// except that a leading "//" followed by another character stays.
+// except that a leading "//" followed by another character stays. Null gives
+// the empty name. The procedures above fail on a null name.
 std::string normalizeFileName(const char* name);
 
 }  // namespace file

@@ -292,6 +292,9 @@ TEST_F(DebugInfoFileTest, WriteFailuresAnswerFalse) {
   DebugInfoList small = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
   EXPECT_FALSE(writeList(small, path("no/such/dir/f.kdbg").c_str()));
   EXPECT_FALSE(fs::exists(path("no")));
+  EXPECT_FALSE(writeList(small, nullptr));
+  EXPECT_FALSE(readList(nullptr).has_value());
+  EXPECT_FALSE(readVersion(nullptr).has_value());
 
   DebugInfoList empty;
   EXPECT_FALSE(writeList(empty, "/dev/full"));
