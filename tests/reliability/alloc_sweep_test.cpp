@@ -1,0 +1,253 @@
+// Allocation-failure sweep of the C interface.
+//
+// For every call that allocates, and for k = 1, 2, ... until the call gets
+// through without meeting a failure, the k-th allocation of operator new
+// inside the call throws std::bad_alloc. Each run starts from a fresh set of
+// lists. A run that met the failure must end in the call's failure result,
+// with no allocation or image left behind, no file left open, and every list
+// exactly as it was (identifiers, image bytes, section tables). A call may
+// also absorb a failure and succeed (a stream buffer that falls back to the
+// default one); then its result must be complete and right.
+//
+// Built twice: with the image library's test double (which also counts live
+// images) and with the real image library (whose own malloc calls are not
+// covered by operator new).
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "counting_new.h"
+#include "kelo/DebugInfoList.h"
+#include "kelo/debuginfo.h"
+#include "reliability_support.h"
+
+namespace {
+
+using kelo_debuginfo::DebugInfoList;
+using reliability::Snapshot;
+using reliability::snapshot;
+
+DebugInfoList& listOf(keloDbgList h) { return *reinterpret_cast<DebugInfoList*>(h); }
+keloDbgElf handle(kelo_elf::ELF& image) { return reinterpret_cast<keloDbgElf>(&image); }
+
+int openFds() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/fd")) {
+    while (readdir(d) != nullptr) ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+// Two lists with entries and section addresses, a caller's image, and a file
+// holding the first list; built with allocation failures disarmed.
+struct World {
+  keloDbgList list = nullptr;
+  keloDbgList other = nullptr;
+  kelo_elf::ELF image;
+  std::string longName;  // a section name of the images too long for a short string
+  std::string file;
+  std::string out;
+  // What a successful call handed out, released with the world.
+  keloDbgList made = nullptr;
+  keloDbgIterator it = nullptr;
+
+  World() {
+    list = keloDbgAlloc();
+    other = keloDbgAlloc();
+    longName = reliability::longSectionName();
+    for (int i = 0; i < 3; ++i) {
+      kelo_elf::ELF img = reliability::makeImage(i);
+      keloDbgAdd(list, handle(img), static_cast<uint16_t>(0x100 + i), 1);
+      keloDbgSetSectionAddr(list, keloDbgID{1, 0x10100u + i}, ".constant", 0x1000u * (i + 1));
+      keloDbgSetSectionAddr(list, keloDbgID{1, 0x10100u + i}, longName.c_str(), 0x40u + i);
+    }
+    for (int i = 0; i < 2; ++i) {
+      kelo_elf::ELF img = reliability::makeImage(i + 1);
+      keloDbgAdd(other, handle(img), static_cast<uint16_t>(0x200 + i), 0);
+      keloDbgSetSectionAddr(other, keloDbgID{1, 0x200u + i}, ".local", 7u + i);
+    }
+    image = reliability::makeImage(2);
+    file = reliability::tempPath("sweep_in");
+    out = reliability::tempPath("sweep_out");
+    if (!keloDbgWrite(list, file.c_str())) ADD_FAILURE() << "cannot write the input file";
+  }
+  ~World() {
+    keloDbgIterFree(it);
+    keloDbgFree(made);
+    keloDbgFree(list);
+    keloDbgFree(other);
+    std::remove(file.c_str());
+    std::remove(out.c_str());
+  }
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+};
+
+struct Sweep {
+  // Runs the call; true when it reports success.
+  std::function<bool(World&)> call;
+  // Checks a successful run's outcome (and releases what it returned).
+  std::function<void(World&, const Snapshot& list, const Snapshot& other)> succeeded;
+};
+
+// Returns the number of allocation points swept: the allocations the call
+// makes when nothing fails.
+long sweep(const char* name, const Sweep& s) {
+  for (long k = 1; k < 100000; ++k) {
+    World w;
+    const Snapshot list = snapshot(listOf(w.list));
+    const Snapshot other = snapshot(listOf(w.other));
+    const long live = counting_new::liveCount();
+    const long images = reliability::liveImages();
+    const int fds = openFds();
+
+    counting_new::failAt(k);
+    const bool ok = s.call(w);
+    const bool tripped = counting_new::tripped();
+    counting_new::disarm();
+
+    if (ok) {
+      s.succeeded(w, list, other);
+      if (::testing::Test::HasFailure()) {
+        ADD_FAILURE() << name << ": wrong success with allocation " << k << (tripped ? " failed" : " not reached");
+        return k;
+      }
+      if (!tripped) return k - 1;
+      continue;  // the failure was absorbed, and the result is right
+    }
+    EXPECT_TRUE(tripped) << name << " failed without an allocation failure";
+    EXPECT_EQ(counting_new::liveCount(), live) << name << ": allocations leaked, failing allocation " << k;
+    EXPECT_EQ(reliability::liveImages(), images) << name << ": images leaked, failing allocation " << k;
+    EXPECT_EQ(openFds(), fds) << name << ": a file left open, failing allocation " << k;
+    EXPECT_EQ(snapshot(listOf(w.list)), list) << name << ": list changed, failing allocation " << k;
+    EXPECT_EQ(snapshot(listOf(w.other)), other) << name << ": other list changed, failing allocation " << k;
+    if (::testing::Test::HasFailure()) return k;
+  }
+  ADD_FAILURE() << name << " never got through";
+  return -1;
+}
+
+void report(const char* name, long points) {
+  std::printf("[ sweep    ] %-28s %ld allocation points\n", name, points);
+  EXPECT_GE(points, 0);
+}
+
+TEST(AllocationSweep, AllocAndIterFailCleanly) {
+  report("keloDbgAlloc", sweep("keloDbgAlloc", {[](World& w) { return (w.made = keloDbgAlloc()) != nullptr; },
+                                                [](World& w, const Snapshot&, const Snapshot&) {
+                                                  EXPECT_TRUE(listOf(w.made).entries.empty());
+                                                }}));
+  report("keloDbgIter", sweep("keloDbgIter", {[](World& w) { return (w.it = keloDbgIter(w.list)) != nullptr; },
+                                              [](World& w, const Snapshot&, const Snapshot&) {
+                                                EXPECT_NE(keloDbgIterELF(w.it), nullptr);
+                                              }}));
+}
+
+TEST(AllocationSweep, AddLeavesTheListAsItWasOnFailure) {
+  report("keloDbgAdd (new)",
+         sweep("keloDbgAdd",
+               {[](World& w) { return keloDbgAdd(w.list, handle(w.image), 9, 0) != nullptr; },
+                [](World& w, const Snapshot& before, const Snapshot&) {
+                  EXPECT_EQ(listOf(w.list).entries.size(), before.size() + 1);
+                  EXPECT_NE(keloDbgFind(w.list, keloDbgID{1, 9}), nullptr);
+                  // The caller's image is only read.
+                  EXPECT_EQ(reliability::bytesOf(w.image), reliability::bytesOf(*listOf(w.list).find({1, 9, 0})));
+                }}));
+  report("keloDbgAdd (present)",
+         sweep("keloDbgAdd present", {[](World& w) { return keloDbgAdd(w.list, handle(w.image), 0x100, 1) != nullptr; },
+                                      [](World& w, const Snapshot& before, const Snapshot&) {
+                                        EXPECT_EQ(snapshot(listOf(w.list)), before);
+                                      }}));
+}
+
+TEST(AllocationSweep, MergeAndUpdateAreAllOrNothing) {
+  report("keloDbgMerge", sweep("keloDbgMerge", {[](World& w) { return keloDbgMerge(w.list, w.other); },
+                                                [](World& w, const Snapshot& a, const Snapshot& b) {
+                                                  Snapshot both = a;
+                                                  both.insert(both.end(), b.begin(), b.end());
+                                                  std::sort(both.begin(), both.end());
+                                                  EXPECT_EQ(snapshot(listOf(w.list)), both);
+                                                  EXPECT_TRUE(listOf(w.other).entries.empty());
+                                                }}));
+  // An exchange, and a rename into kind 0.
+  report("keloDbgUpdate", sweep("keloDbgUpdate", {[](World& w) {
+                                                    const keloDbgNewID records[] = {{{1, 0x10100}, {1, 0x10101}},
+                                                                                    {{1, 0x10101}, {1, 0x10100}},
+                                                                                    {{1, 0x10102}, {0, 7}}};
+                                                    return keloDbgUpdate(w.list, records, 3);
+                                                  },
+                                                  [](World& w, const Snapshot& before, const Snapshot&) {
+                                                    Snapshot expected = before;
+                                                    for (auto& e : expected) {
+                                                      // Renumbered images carry their new identifier.
+                                                      uint64_t& key = std::get<0>(e);
+                                                      if (key == reliability::keyOf({1, 0x100, 1}))
+                                                        key = reliability::keyOf({1, 0x101, 1});
+                                                      else if (key == reliability::keyOf({1, 0x101, 1}))
+                                                        key = reliability::keyOf({1, 0x100, 1});
+                                                      else if (key == reliability::keyOf({1, 0x102, 1}))
+                                                        key = reliability::keyOf({0, 7, 0});
+                                                      std::get<1>(e) = static_cast<int64_t>(key);
+                                                    }
+                                                    std::sort(expected.begin(), expected.end());
+                                                    EXPECT_EQ(snapshot(listOf(w.list)), expected);
+                                                  }}));
+}
+
+TEST(AllocationSweep, SectionCallsCopyNamesSafely) {
+  report("keloDbgGetSectionAddr",
+         sweep("keloDbgGetSectionAddr",
+               {[](World& w) {
+                  return keloDbgGetSectionAddr(w.list, keloDbgID{1, 0x10101}, w.longName.c_str()) == 0x41u;
+                },
+                [](World&, const Snapshot&, const Snapshot&) {}}));
+  report(
+      "keloDbgSetSectionAddr",
+      sweep("keloDbgSetSectionAddr", {[](World& w) {
+                                        keloDbgSetSectionAddr(w.list, keloDbgID{1, 0x10102}, w.longName.c_str(), 0x99);
+                                        // No result: success is the address being there.
+                                        return listOf(w.list).getSectionAddr({1, 0x102, 1}, w.longName) == 0x99u;
+                                      },
+                                      [](World&, const Snapshot&, const Snapshot&) {}}));
+  report("keloDbgFind", sweep("keloDbgFind", {[](World& w) {
+                                                return keloDbgFind(w.list, keloDbgID{1, 0x10100}) != nullptr;
+                                              },
+                                              [](World&, const Snapshot&, const Snapshot&) {}}));
+}
+
+TEST(AllocationSweep, FileCallsCloseTheFileAndReturnNothingPartial) {
+  report("keloDbgWrite", sweep("keloDbgWrite", {[](World& w) { return keloDbgWrite(w.list, w.out.c_str()); },
+                                                [](World& w, const Snapshot& before, const Snapshot&) {
+                                                  EXPECT_EQ(snapshot(listOf(w.list)), before);
+                                                  keloDbgList back = keloDbgRead(w.out.c_str());
+                                                  ASSERT_NE(back, nullptr);
+                                                  EXPECT_EQ(reliability::withoutStamps(snapshot(listOf(back))),
+                                                            reliability::withoutStamps(before));
+                                                  keloDbgFree(back);
+                                                }}));
+  report("keloDbgRead",
+         sweep("keloDbgRead", {[](World& w) { return (w.made = keloDbgRead(w.file.c_str())) != nullptr; },
+                               [](World& w, const Snapshot& before, const Snapshot&) {
+                                 EXPECT_EQ(reliability::withoutStamps(snapshot(listOf(w.made))),
+                                           reliability::withoutStamps(before));
+                               }}));
+  report("keloDbgFileVersion", sweep("keloDbgFileVersion", {[](World& w) {
+                                                              uint32_t major = 9, minor = 9, patch = 9;
+                                                              return keloDbgFileVersion(w.file.c_str(), &major, &minor,
+                                                                                        &patch) &&
+                                                                     major == 1 && minor == 1 && patch == 2;
+                                                            },
+                                                            [](World&, const Snapshot&, const Snapshot&) {}}));
+}
+
+}  // namespace
