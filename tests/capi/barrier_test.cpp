@@ -30,11 +30,17 @@ void* operator new(std::size_t size) {
   ++gLiveBlocks;
   return p;
 }
+// The blocks come from malloc() in operator new above; GCC cannot see that
+// pairing through the replacement and warns about it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpragmas"
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* p) noexcept {
   if (p == nullptr) return;
   --gLiveBlocks;
   std::free(p);
 }
+#pragma GCC diagnostic pop
 void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
 
 namespace {

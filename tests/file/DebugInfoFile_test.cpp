@@ -107,9 +107,9 @@ class DebugInfoFileTest : public ::testing::Test {
 
 // A list whose entries have the given section tables (all names recordable:
 // the images have them).
-DebugInfoList listOf(const std::vector<std::pair<DebugInfoID, Sections>>& spec) {
+DebugInfoList listOf(const std::vector<std::pair<DebugInfoID, Sections>>& entries) {
   DebugInfoList list;
-  for (const auto& e : spec) {
+  for (const auto& e : entries) {
     std::vector<std::string> names;
     for (const auto& s : e.second) names.push_back(s.first);
     list.add(e.first, elf_double::image(names));
@@ -139,22 +139,22 @@ TEST_F(DebugInfoFileTest, EntryLayoutIsIdentifierImageThenSections) {
 }
 
 TEST_F(DebugInfoFileTest, RoundTripKeepsIdentifiersImagesAndAddresses) {
-  std::vector<std::pair<DebugInfoID, Sections>> spec;
+  std::vector<std::pair<DebugInfoID, Sections>> entries;
   for (unsigned i = 0; i < 40; ++i) {
     Sections sections;
     for (unsigned s = 0; s < i % 4; ++s) sections[".s" + std::to_string(s)] = i * 1000 + s;
-    spec.push_back({DebugInfoID(uint8_t(i % 3 == 2 ? 255 : i % 2), uint16_t(i * 7), uint16_t(i % 5)), sections});
+    entries.push_back({DebugInfoID(uint8_t(i % 3 == 2 ? 255 : i % 2), uint16_t(i * 7), uint16_t(i % 5)), sections});
   }
-  DebugInfoList list = listOf(spec);
-  list.setSectionAddr(spec[0].first, ".constant", 0xFFFFFFFF);
-  spec[0].second[".constant"] = 0xFFFFFFFF;
+  DebugInfoList list = listOf(entries);
+  list.setSectionAddr(entries[0].first, ".constant", 0xFFFFFFFF);
+  entries[0].second[".constant"] = 0xFFFFFFFF;
   ASSERT_TRUE(writeList(list, path("many.kdbg").c_str()));
-  EXPECT_EQ(list.entries.size(), spec.size());  // writing leaves the list alone
+  EXPECT_EQ(list.entries.size(), entries.size());  // writing leaves the list alone
 
   absl::optional<DebugInfoList> read = readList(path("many.kdbg").c_str());
   ASSERT_TRUE(read.has_value());
-  ASSERT_EQ(read->entries.size(), spec.size());
-  for (const auto& e : spec) {
+  ASSERT_EQ(read->entries.size(), entries.size());
+  for (const auto& e : entries) {
     auto it = read->entries.find(e.first);
     ASSERT_NE(it, read->entries.end());
     EXPECT_EQ(it->second.sectionAddrs, e.second);
