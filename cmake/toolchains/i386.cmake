@@ -25,8 +25,25 @@ set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 set(CMAKE_SIZEOF_VOID_P 4)
 set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu/cmake)
-set(ENV{PKG_CONFIG_LIBDIR}
-    "${CMAKE_CURRENT_LIST_DIR}/i386-pkgconfig:/usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig")
+# libelf has no i386 development package that installs beside g++-multilib,
+# so the build makes its own: a libelf.so link to the i386 runtime library
+# and a pkg-config file for it, with the headers of the 64-bit package.
+# (The toolchain file is read again for every try_compile, whose binary
+# directory is temporary: only the main project's run sets this up.)
+get_property(_kelo_in_try_compile GLOBAL PROPERTY IN_TRY_COMPILE)
+if(NOT _kelo_in_try_compile)
+  set(_kelo_i386_dir ${CMAKE_BINARY_DIR}/i386-dev)
+  file(MAKE_DIRECTORY ${_kelo_i386_dir})
+  file(CREATE_LINK /usr/lib/i386-linux-gnu/libelf.so.1 ${_kelo_i386_dir}/libelf.so SYMBOLIC)
+  file(WRITE ${_kelo_i386_dir}/libelf.pc
+    "Name: libelf\nDescription: ELF file handling library (i386 runtime)\nVersion: 0.188\n"
+    "Cflags:\nLibs: -L${_kelo_i386_dir} -lelf\n")
+  set(ENV{PKG_CONFIG_LIBDIR} "${_kelo_i386_dir}:/usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig")
+endif()
+
+# The kelodbg tool needs libraries (fmt) that have no i386 package installed
+# here; its tests are left to the native build.
+set(KELO_BUILD_TOOLS OFF CACHE BOOL "Build the kelodbg command-line tool")
 
 find_program(KELO_QEMU_I386 qemu-i386 REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${KELO_QEMU_I386})
