@@ -77,6 +77,10 @@ class Encoder;
 template <typename Stream>
 class Decoder;
 
+// Both coders use the unlocked stdio calls: a stream belongs to the one call
+// that opened it, so stdio's per-call stream lock buys nothing, and entries
+// are written and read as many small fields.
+
 // Writes fields back to back at the stream's current position. Holds only a
 // reference to the File, which must outlive it.
 template <>
@@ -129,7 +133,7 @@ class Encoder<io::File> {
 
   Res emitRaw(const void* data, std::size_t n) {
     if (n == 0) return absl::monostate{};
-    if (std::fwrite(data, 1, n, file_.get()) != n) return ErrTy{};
+    if (fwrite_unlocked(data, 1, n, file_.get()) != n) return ErrTy{};
     return absl::monostate{};
   }
 
@@ -158,7 +162,7 @@ class Decoder<io::File> {
   Res<T> readInt() {
     static_assert(detail::isCodecInt<T>(), "readInt takes uint8_t, uint16_t, uint32_t or uint64_t");
     unsigned char bytes[sizeof(T)];
-    if (std::fread(bytes, 1, sizeof(T), file_.get()) != sizeof(T)) return ErrTy{};
+    if (fread_unlocked(bytes, 1, sizeof(T), file_.get()) != sizeof(T)) return ErrTy{};
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < sizeof(T); ++i) value |= std::uint64_t{bytes[i]} << (8 * i);
     return static_cast<T>(value);
@@ -222,13 +226,13 @@ class Decoder<io::File> {
     buf.clear();
     if (n <= kReadStep || n <= buf.capacity() || backedCount(n, 1) == n) {
       buf.resize(n);
-      return n == 0 || std::fread(&buf[0], 1, n, stream) == n;
+      return n == 0 || fread_unlocked(&buf[0], 1, n, stream) == n;
     }
     std::size_t have = 0;
     while (have < n) {
       const std::size_t step = std::min(n - have, kReadStep);
       buf.resize(have + step);
-      if (std::fread(&buf[have], 1, step, stream) != step) return false;
+      if (fread_unlocked(&buf[have], 1, step, stream) != step) return false;
       have += step;
     }
     return true;
