@@ -2,6 +2,7 @@
 
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace kelo_debuginfo {
 namespace {
@@ -51,38 +52,60 @@ void DebugInfoList::clear() {
 }
 
 bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
+  // The new identifier of a renumbered entry, and the placeholder reserved
+  // for it in the new map.
+  struct Target {
+    DebugInfoID newID;
+    RelocELF* slot;
+  };
+  // One entry's contents on their way to their placeholder; newID is set
+  // only for entries that are renumbered.
+  struct Move {
+    RelocELF* source;
+    RelocELF* slot;
+    const DebugInfoID* newID;
+  };
+
   // Phase 1: old -> new; an old identifier may appear once.
-  std::unordered_map<DebugInfoID, DebugInfoID> renumbering;
+  std::unordered_map<DebugInfoID, Target> renumbering;
   renumbering.reserve(ids.size());
   for (const DebugInfoNewID& pair : ids) {
-    if (!renumbering.emplace(pair.oldID, pair.newID).second) return false;
+    if (!renumbering.try_emplace(pair.oldID, Target{pair.newID, nullptr}).second) return false;
   }
 
   // Phase 2: every old identifier must be filed; reserve each new one once.
   Map next;
   next.reserve(entries.size());
-  for (const auto& mapping : renumbering) {
+  for (auto& mapping : renumbering) {
     if (entries.find(mapping.first) == entries.end()) return false;
-    if (!next.try_emplace(mapping.second).second) return false;
+    auto reserved = next.try_emplace(mapping.second.newID);
+    if (!reserved.second) return false;
+    mapping.second.slot = &reserved.first->second;
   }
 
   // Phase 3: entries not renumbered keep their identifiers, which must not
-  // be taken by a new one.
-  for (const auto& entry : entries) {
-    if (renumbering.find(entry.first) != renumbering.end()) continue;
-    if (!next.try_emplace(entry.first).second) return false;
+  // be taken by a new one. Where each entry goes is noted on the way, so
+  // the moves below need no lookups.
+  std::vector<Move> moves;
+  moves.reserve(entries.size());
+  for (auto& entry : entries) {
+    auto mapping = renumbering.find(entry.first);
+    if (mapping != renumbering.end()) {
+      moves.push_back(Move{&entry.second, mapping->second.slot, &mapping->second.newID});
+      continue;
+    }
+    auto reserved = next.try_emplace(entry.first);
+    if (!reserved.second) return false;
+    moves.push_back(Move{&entry.second, &reserved.first->second, nullptr});
   }
 
   // Phase 4: nothing here allocates or throws. Images and section tables
-  // move into their placeholders; renumbered images are stamped first.
-  for (auto& entry : entries) {
-    RelocELF& source = entry.second;
-    auto mapping = renumbering.find(entry.first);
-    const DebugInfoID& target = mapping == renumbering.end() ? entry.first : mapping->second;
-    if (mapping != renumbering.end()) source.elf.debugInfoID = mapping->second;
-    RelocELF& slot = next.find(target)->second;
-    slot.elf = std::move(source.elf);
-    slot.sectionAddrs = std::move(source.sectionAddrs);
+  // move into their placeholders, in the list's order; renumbered images
+  // are stamped first.
+  for (const Move& move : moves) {
+    if (move.newID != nullptr) move.source->elf.debugInfoID = *move.newID;
+    move.slot->elf = std::move(move.source->elf);
+    move.slot->sectionAddrs = std::move(move.source->sectionAddrs);
   }
 
   // Phase 5: the new map replaces the old one.
