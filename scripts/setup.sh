@@ -10,11 +10,19 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
+  libclang-rt-14-dev g++-multilib qemu-user
+  libabsl-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libelf1:i386
 )
 
 sudo=
 if [[ $(id -u) -ne 0 ]]; then
   sudo=sudo
+fi
+
+# The 32-bit build links against i386 libraries installed beside the
+# 64-bit ones.
+if ! dpkg --print-foreign-architectures | grep -qx i386; then
+  $sudo dpkg --add-architecture i386
 fi
 
 # A mirror hiccup must not stop a machine that already has what it needs.

@@ -275,8 +275,9 @@ bool writeList(DebugInfoList& list, const char* name) {
   const bool written = writeBody(list, file);
   // Buffered bytes may still fail to reach the file: only a clean flush and
   // close make the write a success.
-  // glibc's fwrite can report a full count for a failed write that bypassed
-  // the buffer; the stream's error indicator is the reliable witness.
+  // The stream's error indicator also catches a failure that a short count
+  // missed (a custom stream's write function that reports errors as -1 makes
+  // glibc's fwrite return a full count).
   const bool flushed = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0;
   const bool closed = file.close();
   return written && flushed && closed;
