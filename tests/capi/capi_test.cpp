@@ -164,98 +164,58 @@ TEST_F(CApi, IterationMeetsEveryEntryOnceAndStaysAtTheEnd) {
   EXPECT_NE(addImage(three, 1, 0), nullptr);
 }
 
-TEST_F(CApi, SectionAddressesFollowTheNameRules) {
+TEST_F(CApi, SectionAddressesAreFiledUnderTheConvertedIdentifier) {
   keloDbgList l = newList();
   addImage(l, 0x1234, 1, {".text"});
   keloDbgSetSectionAddr(l, kA, ".text", 0x1000);
-  keloDbgSetSectionAddr(l, kA, ".constant", 0x2000);
-  keloDbgSetSectionAddr(l, kA, ".data", 0x3000);  // the image has no .data
-  keloDbgSetSectionAddr(l, kA, ".Constant", 0x4000);
   keloDbgSetSectionAddr(l, keloDbgID{0, 0x00011234}, ".text", 0x5000);
   EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".text"), 0x1000u);
-  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".constant"), 0x2000u);
-  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".data"), 0u);
-  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".Constant"), 0u);
   EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{0, 0x00011234}, ".text"), 0u);
   EXPECT_EQ(listOf(l).entries.size(), 1u);
-  keloDbgSetSectionAddr(l, kA, ".text", 0x1111);
-  EXPECT_EQ(keloDbgGetSectionAddr(l, kA, ".text"), 0x1111u);
 }
 
-TEST_F(CApi, UpdateWithNoRecordsKeepsEveryEntry) {
+TEST_F(CApi, UpdateConvertsRecordsAndRefusesWholeSets) {
   EXPECT_TRUE(keloDbgUpdate(newList(), nullptr, 0));
-  keloDbgList l = threeEntries();
-  const size_t before = listOf(l).entries.size();
-  EXPECT_TRUE(keloDbgUpdate(l, nullptr, 0));
-  EXPECT_EQ(listOf(l).entries.size(), before);
-  for (uint32_t n = 1; n <= 3; ++n) {
-    ASSERT_NE(keloDbgFind(l, keloDbgID{1, n}), nullptr);
-    EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, n}, ".text"), 0x100u * n);
-  }
-}
-
-TEST_F(CApi, UpdateRenamesAndExchangesAllAtOnce) {
   keloDbgList l = threeEntries();
   addImage(l, 0x1234, 1, {".text", ".only_a"});
   keloDbgSetSectionAddr(l, kA, ".constant", 0xC0);
-  const keloDbgNewID rename[] = {{kA, {0, 7}}};
-  ASSERT_TRUE(keloDbgUpdate(l, rename, 1));
+  EXPECT_TRUE(keloDbgUpdate(l, nullptr, 0));
+  EXPECT_EQ(listOf(l).entries.size(), 4u);
+
+  // A set with one bad record changes nothing.
+  const Snapshot before = snapshot(l);
+  const keloDbgNewID refused[] = {{kA, {0, 7}}, {{1, 99}, {1, 10}}};
+  EXPECT_FALSE(keloDbgUpdate(l, refused, 2));
+  EXPECT_EQ(snapshot(l), before);
+
+  // Kind 0 and kind 1 identifiers are converted both ways.
+  const keloDbgNewID records[] = {{kA, {0, 7}}, {{1, 1}, {1, 2}}, {{1, 2}, {1, 1}}};
+  ASSERT_TRUE(keloDbgUpdate(l, records, 3));
   EXPECT_EQ(keloDbgFind(l, kA), nullptr);
   keloDbgElf moved = keloDbgFind(l, keloDbgID{0, 7});
   ASSERT_NE(moved, nullptr);
   EXPECT_TRUE(image(moved)->hasSection(".only_a"));
   EXPECT_EQ(image(moved)->debugInfoID, kelo_elf::DebugInfoID(0, 7, 0));
   EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{0, 7}, ".constant"), 0xC0u);
-
-  const keloDbgNewID exchange[] = {{{1, 1}, {1, 2}}, {{1, 2}, {1, 1}}};
-  ASSERT_TRUE(keloDbgUpdate(l, exchange, 2));
   EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 1}, ".text"), 0x200u);
   EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 2}, ".text"), 0x100u);
-  EXPECT_EQ(image(keloDbgFind(l, keloDbgID{1, 1}))->debugInfoID, kelo_elf::DebugInfoID(1, 1, 0));
 }
 
-TEST_F(CApi, RefusedUpdatesChangeNothing) {
-  EXPECT_FALSE(keloDbgUpdate(newList(), std::vector<keloDbgNewID>{{{1, 1}, {1, 2}}}.data(), 1));
-  keloDbgList l = threeEntries();
-  const Snapshot before = snapshot(l);
-  const std::vector<std::vector<keloDbgNewID>> refused = {
-      {{{1, 1}, {1, 9}}, {{1, 99}, {1, 10}}},  // an absent old identifier
-      {{{1, 1}, {1, 9}}, {{1, 1}, {1, 10}}},   // a repeated old identifier
-      {{{1, 1}, {1, 9}}, {{1, 2}, {1, 9}}},    // a repeated new identifier
-      {{{1, 1}, {1, 3}}},                      // taken by an entry not renumbered
-  };
-  for (const auto& records : refused) {
-    EXPECT_FALSE(keloDbgUpdate(l, records.data(), static_cast<uint32_t>(records.size())));
-    EXPECT_EQ(snapshot(l), before);
-  }
-}
-
-TEST_F(CApi, MergeIsAllOrNothing) {
+TEST_F(CApi, MergeReportsCollisionsAndMovesEntries) {
   keloDbgList dst = threeEntries();
-  keloDbgList empty = newList();
   const Snapshot before = snapshot(dst);
-  EXPECT_TRUE(keloDbgMerge(dst, empty));
-  EXPECT_TRUE(keloDbgMerge(empty, empty));
   EXPECT_FALSE(keloDbgMerge(dst, dst));
-  EXPECT_EQ(snapshot(dst), before);
-
   keloDbgList src = newList();
-  addImage(src, 10, 0);
   addImage(src, 2, 0);  // also in dst
-  const Snapshot srcBefore = snapshot(src);
   EXPECT_FALSE(keloDbgMerge(dst, src));
   EXPECT_EQ(snapshot(dst), before);
-  EXPECT_EQ(snapshot(src), srcBefore);
 
   keloDbgClear(src);
-  keloDbgElf ten = addImage(src, 10, 0);
+  addImage(src, 10, 0);
   keloDbgSetSectionAddr(src, keloDbgID{1, 10}, ".local", 0x77);
   ASSERT_TRUE(keloDbgMerge(dst, src));
   EXPECT_EQ(keloDbgIter(src), nullptr);
-  EXPECT_EQ(image(keloDbgFind(dst, keloDbgID{1, 2})), before.at(Key{1, 2, 0}).elf);
-  EXPECT_TRUE(image(keloDbgFind(dst, keloDbgID{1, 10}))->debugInfoID == image(ten)->debugInfoID);
   EXPECT_EQ(keloDbgGetSectionAddr(dst, keloDbgID{1, 10}, ".local"), 0x77u);
-  EXPECT_NE(addImage(src, 10, 0), nullptr);  // the source stays usable
 }
 
 TEST_F(CApi, FilesRoundTripAndFailCleanly) {
