@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -67,22 +66,10 @@ Bytes operator+(Bytes a, const Bytes& b) {
 
 Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
-TEST(Encoding, IntegersAreFixedWidthLittleEndian) {
-  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint8_t>(0xAB); }), (Bytes{0xAB}));
+TEST(Encoding, IntegersAndCountPrefixesAreFixedWidthLittleEndian) {
   EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint16_t>(258); }), (Bytes{0x02, 0x01}));
-  EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint32_t>(1); }), (Bytes{1, 0, 0, 0}));
   EXPECT_EQ(encode([](Encoder& e) { return e.emitInt<uint64_t>(0x0102030405060708); }),
             (Bytes{8, 7, 6, 5, 4, 3, 2, 1}));
-
-  File file = fileOf({0x02, 0x01, 0x78, 0x56, 0x34, 0x12, 0xFF});
-  Decoder dec(file);
-  EXPECT_EQ(dec.readInt<uint16_t>().value(), 258u);
-  EXPECT_EQ(dec.readInt<uint32_t>().value(), 0x12345678u);
-  EXPECT_EQ(dec.readInt<uint8_t>().value(), 0xFFu);
-  EXPECT_FALSE(dec.readInt<uint8_t>().isOk());
-}
-
-TEST(Encoding, CountPrefixIsEightBytesThenTheElements) {
   Bytes seq = encode([](Encoder& e) {
     return e.emitSeq(3, [](Encoder& inner) {
       auto r = inner.emitInt<uint8_t>(7);
@@ -92,33 +79,31 @@ TEST(Encoding, CountPrefixIsEightBytesThenTheElements) {
     });
   });
   EXPECT_EQ(seq, (Bytes{3, 0, 0, 0, 0, 0, 0, 0, 7, 8, 9}));
+
+  File file = fileOf({0x02, 0x01, 0x78, 0x56, 0x34, 0x12, 0xFF});
+  Decoder dec(file);
+  EXPECT_EQ(dec.readInt<uint16_t>().value(), 258u);
+  EXPECT_EQ(dec.readInt<uint32_t>().value(), 0x12345678u);
+  EXPECT_EQ(dec.readInt<uint8_t>().value(), 0xFFu);
+  EXPECT_FALSE(dec.readInt<uint8_t>().isOk());
 }
 
 TEST(Encoding, EmptyStringSequenceAndMapAreEightZeroBytesEachWay) {
   const Bytes zeros(8, 0);
+  const Sections none;
   EXPECT_EQ(encode([](Encoder& e) { return e.emitStr(""); }), zeros);
   EXPECT_EQ(encode([](Encoder& e) { return Encodable<absl::Span<unsigned char const>>::encode({}, e); }), zeros);
-  const Sections none;
   EXPECT_EQ(encode([&](Encoder& e) { return Encodable<Sections>::encode(none, e); }), zeros);
 
   // Each reads back empty and consumes exactly its 8 bytes.
-  const Bytes stream = zeros + Bytes{0x5A};
-  {
-    File f = fileOf(stream);
+  const std::function<bool(Decoder&)> reads[] = {
+      [](Decoder& d) { return d.readStr().value().empty(); },
+      [](Decoder& d) { return Decodable<Bytes>::decode(d).value().empty(); },
+      [](Decoder& d) { return Decodable<Sections>::decode(d).value().empty(); }};
+  for (const auto& read : reads) {
+    File f = fileOf(zeros + Bytes{0x5A});
     Decoder dec(f);
-    EXPECT_EQ(dec.readStr().value(), "");
-    EXPECT_EQ(std::ftell(f.get()), 8);
-  }
-  {
-    File f = fileOf(stream);
-    Decoder dec(f);
-    EXPECT_TRUE(Decodable<Bytes>::decode(dec).value().empty());
-    EXPECT_EQ(std::ftell(f.get()), 8);
-  }
-  {
-    File f = fileOf(stream);
-    Decoder dec(f);
-    EXPECT_TRUE(Decodable<Sections>::decode(dec).value().empty());
+    EXPECT_TRUE(read(dec));
     EXPECT_EQ(std::ftell(f.get()), 8);
   }
 }
@@ -132,48 +117,22 @@ TEST(Encoding, StringsWithNulBytesRoundTrip) {
   EXPECT_EQ(dec.readStr().value(), s);
 }
 
-TEST(Decoding, ForgedLengthFailsWithoutABigAllocation) {
-  // The largest lengths that the containers accept: 2^32 - 1 on a 64-bit
-  // host, smaller on a 32-bit one (beyond them, see the next test).
+// A stream whose size the decoder cannot learn must still grow its buffers
+// only as the bytes arrive. (Forged lengths in files are swept by the
+// reliability tests.)
+TEST(Decoding, ForgedLengthOnAStreamFailsWithoutABigAllocation) {
   const uint64_t stringLength = std::min<uint64_t>(0xFFFFFFFF, std::string().max_size());
   const uint64_t byteCount = std::min<uint64_t>(0xFFFFFFFF, Bytes().max_size());
-  for (bool regular : {true, false}) {
-    const Bytes stream = le64(stringLength) + Bytes(92, 'x');
-    Bytes backing = stream;
-    {
-      File f = regular ? fileOf(stream) : memoryOf(backing);
-      Decoder dec(f);
-      alloc_probe::reset();
-      EXPECT_FALSE(dec.readStr().isOk());
-      EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
-    }
-    {
-      const Bytes seqStream = le64(byteCount) + Bytes(92, 'x');
-      Bytes seqBacking = seqStream;
-      File f = regular ? fileOf(seqStream) : memoryOf(seqBacking);
-      Decoder dec(f);
-      alloc_probe::reset();
-      EXPECT_FALSE(Decodable<Bytes>::decode(dec).isOk());
-      EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep) << "regular " << regular;
-    }
-  }
-}
-
-TEST(Decoding, LengthsBeyondTheContainerLimitRaiseLengthErrors) {
-  // Only reachable where size_t is 32 bits.
-  if (Bytes().max_size() >= 0xFFFFFFFF && std::string().max_size() >= 0xFFFFFFFF) {
-    GTEST_SKIP() << "every 32-bit length fits the containers here";
-  }
-  if (Bytes().max_size() < 0xFFFFFFFF) {
-    File f = fileOf(le64(0xFFFFFFFF) + Bytes(8, 0));
-    Decoder dec(f);
-    EXPECT_THROW(Decodable<Bytes>::decode(dec), std::length_error);
-  }
-  if (std::string().max_size() < 0xFFFFFFFF) {
-    File f = fileOf(le64(0xFFFFFFFF) + Bytes(8, 0));
-    Decoder dec(f);
-    EXPECT_THROW(dec.readStr(), std::length_error);
-  }
+  Bytes str = le64(stringLength) + Bytes(92, 'x');
+  Bytes seq = le64(byteCount) + Bytes(92, 'x');
+  File strFile = memoryOf(str);
+  File seqFile = memoryOf(seq);
+  Decoder strDec(strFile);
+  Decoder seqDec(seqFile);
+  alloc_probe::reset();
+  EXPECT_FALSE(strDec.readStr().isOk());
+  EXPECT_FALSE(Decodable<Bytes>::decode(seqDec).isOk());
+  EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep);
 }
 
 TEST(Decoding, LongSequencesAndStringsSpanningManyStepsRoundTrip) {
@@ -192,19 +151,7 @@ TEST(Decoding, LongSequencesAndStringsSpanningManyStepsRoundTrip) {
   }
 }
 
-TEST(Decoding, ByteBufferIsReusedAcrossReads) {
-  File f = fileOf(le64(4) + Bytes{1, 2, 3, 4} + le64(2) + Bytes{5, 6});
-  Decoder dec(f);
-  Bytes buffer;
-  ASSERT_TRUE(Decodable<Bytes>::decodeInto(dec, buffer).isOk());
-  EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4}));
-  const unsigned char* storage = buffer.data();
-  ASSERT_TRUE(Decodable<Bytes>::decodeInto(dec, buffer).isOk());
-  EXPECT_EQ(buffer, (Bytes{5, 6}));
-  EXPECT_EQ(buffer.data(), storage);
-}
-
-TEST(File, MoveTransfersOwnershipAndCloseReportsLostData) {
+TEST(File, MoveTransfersOwnership) {
   File a(std::tmpfile());
   std::FILE* stream = a.get();
   File b(std::move(a));
@@ -212,12 +159,6 @@ TEST(File, MoveTransfersOwnershipAndCloseReportsLostData) {
   EXPECT_EQ(b.get(), stream);
   EXPECT_TRUE(b.close());
   EXPECT_FALSE(b);
-
-  File full(std::fopen("/dev/full", "wb"));
-  ASSERT_TRUE(full);
-  ASSERT_TRUE(full.setBuffer(1 << 16));
-  ASSERT_EQ(std::fwrite("abc", 1, 3, full.get()), 3u);  // buffered, not yet failed
-  EXPECT_FALSE(full.close());
 }
 
 }  // namespace
