@@ -1,6 +1,5 @@
 // Test inputs for the image library: the example objects read from disk and
-// small ELF files crafted byte by byte in either class and byte order, with
-// helpers to patch header fields in place.
+// small ELF files crafted byte by byte in either class and byte order.
 #ifndef KELO_TESTS_ELF_ELF_IMAGES_H_
 #define KELO_TESTS_ELF_ELF_IMAGES_H_
 
@@ -19,23 +18,8 @@ Bytes readFile(const std::string& path);
 std::string examplePath(const std::string& name);
 bool fileExists(const std::string& path);
 
-// Where the fields that loading depends on sit, for one class.
-struct Layout {
-  bool is64;
-  bool big;
-  size_t shoffAt, shentsizeAt, shnumAt, shstrndxAt;  // file header fields
-  size_t shdrSize;
-  size_t shNameAt, shTypeAt, shOffsetAt, shSizeAt, shLinkAt;  // within a section header
-  unsigned addr;                                              // width of offsets and sizes
-};
-// The layout of an ELF file, from its identification bytes.
-Layout layoutOf(const Bytes& elf);
-
-uint64_t get(const Bytes& b, size_t at, unsigned width, bool big);
+// Writes `value` as `width` bytes at `at` in the given byte order.
 void put(Bytes& b, size_t at, unsigned width, uint64_t value, bool big);
-
-// Offset of section header `index`, from the file header.
-size_t sectionHeaderAt(const Bytes& elf, uint64_t index);
 
 struct Crafted {
   bool is64 = true;
@@ -43,8 +27,9 @@ struct Crafted {
   std::vector<std::string> sections;  // each a small PROGBITS section
   bool extendedNumbering = false;     // counts kept in section 0
 };
-// A minimal relocatable file: header, section contents, the section-name
-// string table (last section, ".shstrtab"), then the section header table.
+// A minimal relocatable file: the file header, 4 bytes of contents per
+// section, the section-name string table (last section, ".shstrtab"), then
+// the section header table.
 Bytes craft(const Crafted& want);
 
 }  // namespace elf_test

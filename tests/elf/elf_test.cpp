@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <random>
 #include <set>
 #include <string>
 #include <unordered_set>
@@ -170,105 +169,53 @@ TEST(ElfEmptyImages, MoveAssignmentReplacesTheWholeState) {
   EXPECT_EQ(a->size(), 0u);
 }
 
-// Damaged input of every kind is refused without reading outside the bytes;
-// run under the address sanitizer these also prove the reads stay inside.
-class ElfRefusal : public testing::TestWithParam<const char*> {
- protected:
-  Bytes input() const {
-    const std::string which = GetParam();
-    if (which == "be32") return elf_test::craft({false, true, {".text", ".data"}});
-    if (which == "be64") return elf_test::craft({true, true, {".text", ".data"}});
-    if (which == "le32") return elf_test::craft({false, false, {".text"}});
-    return example(which);
-  }
-};
-
-TEST_P(ElfRefusal, EveryTruncationIsRefused) {
-  const Bytes bytes = input();
-  for (size_t cut = 0; cut < bytes.size(); ++cut) {
-    // Exactly sized heap copies, so a read past the cut is caught.
-    const Bytes part(bytes.begin(), bytes.begin() + cut);
-    EXPECT_FALSE(load(part).has_value()) << "cut at " << cut;
-  }
-}
-
-TEST_P(ElfRefusal, DamagedHeadersAreRefused) {
-  const Bytes good = input();
-  const elf_test::Layout l = elf_test::layoutOf(good);
-  const uint64_t shnum = elf_test::get(good, l.shnumAt, 2, l.big);
-  const uint64_t strndx = elf_test::get(good, l.shstrndxAt, 2, l.big);
-  const size_t strHdr = elf_test::sectionHeaderAt(good, strndx);
-  const uint64_t strSize = elf_test::get(good, strHdr + l.shSizeAt, l.addr, l.big);
-  const uint64_t maxAddr = l.is64 ? ~uint64_t{0} : 0xffffffffu;
-  struct Damage {
-    const char* what;
-    size_t at;
-    unsigned width;
-    uint64_t value;
-  };
-  const Damage damages[] = {
-      {"magic", 1, 1, 'e'},
-      {"class 0", 4, 1, 0},
-      {"class 3", 4, 1, 3},
-      {"data encoding 0", 5, 1, 0},
-      {"data encoding 3", 5, 1, 3},
-      {"identification version", 6, 1, 2},
-      {"header version", 20, 4, 0},
-      {"e_shoff zero", l.shoffAt, l.addr, 0},
-      {"e_shoff past the end", l.shoffAt, l.addr, good.size() + 8},
-      {"e_shoff straddling the end", l.shoffAt, l.addr, good.size() - l.shdrSize},
-      {"e_shoff overflowing", l.shoffAt, l.addr, maxAddr - 8},
-      {"e_shentsize", l.shentsizeAt, 2, l.shdrSize + 8},
-      {"e_shnum huge", l.shnumAt, 2, 0xfffe},
-      {"e_shnum zero, section 0 counts none", l.shnumAt, 2, 0},
-      {"e_shstrndx equal to e_shnum", l.shstrndxAt, 2, shnum},
-      {"e_shstrndx undefined", l.shstrndxAt, 2, 0},
-      {"e_shstrndx escaped, section 0 links none", l.shstrndxAt, 2, 0xffff},
-      {"name table not a string table", strHdr + l.shTypeAt, 4, 1},
-      {"name table past the end", strHdr + l.shOffsetAt, l.addr, good.size()},
-      {"name table overflowing", strHdr + l.shOffsetAt, l.addr, maxAddr - 4},
-      {"name table too long", strHdr + l.shSizeAt, l.addr, good.size()},
-      {"name table empty", strHdr + l.shSizeAt, l.addr, 0},
-      {"name table without final NUL", strHdr + l.shSizeAt, l.addr, strSize - 1},
-      {"name outside the table", elf_test::sectionHeaderAt(good, 1) + l.shNameAt, 4, strSize},
-      {"name far outside the table", elf_test::sectionHeaderAt(good, 1) + l.shNameAt, 4, 0xffffffffu},
-      {"section contents past the end", elf_test::sectionHeaderAt(good, 1) + l.shOffsetAt, l.addr, good.size()},
-  };
-  ASSERT_TRUE(load(good).has_value());
-  for (const Damage& d : damages) {
-    Bytes bad = good;
-    elf_test::put(bad, d.at, d.width, d.value, l.big);
-    EXPECT_FALSE(load(bad).has_value()) << d.what;
-  }
-}
-
-TEST_P(ElfRefusal, RandomDamageNeverBreaksALoadedImage) {
-  // Whatever survives loading must still give back exactly its bytes.
-  const Bytes good = input();
-  const elf_test::Layout l = elf_test::layoutOf(good);
-  const size_t shoff = static_cast<size_t>(elf_test::get(good, l.shoffAt, l.addr, l.big));
-  std::mt19937 rng(12345);
-  for (int round = 0; round < 2000; ++round) {
-    Bytes bad = good;
-    for (int flips = 1 + round % 4; flips > 0; --flips) {
-      // Mostly the file header and the section header table: that is what
-      // loading reads.
-      const size_t at = rng() % 2 ? rng() % 64 % good.size() : shoff + rng() % (good.size() - shoff);
-      bad[at] = static_cast<unsigned char>(rng());
+// One damage of each kind that loading must notice, in both classes and
+// byte orders; run under the address sanitizer these also prove the reads
+// stay inside the bytes. (Wider damage is the fuzz target's job.)
+TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
+  for (bool is64 : {false, true}) {
+    const bool big = !is64;
+    SCOPED_TRACE(is64 ? "ELF64 little-endian" : "ELF32 big-endian");
+    const Bytes good = elf_test::craft({is64, big, {".text", ".data"}});
+    const unsigned addr = is64 ? 8 : 4;
+    const size_t shoffAt = is64 ? 40 : 32, shnumAt = is64 ? 60 : 48, shdrSize = is64 ? 64 : 40;
+    const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the file: null, 2 sections, names
+    const size_t strHdr = shoff + 3 * shdrSize, offsetAt = is64 ? 24 : 16;
+    struct Damage {
+      const char* what;
+      size_t at;
+      unsigned width;
+      uint64_t value;
+    };
+    const Damage damages[] = {
+        {"magic", 1, 1, 'e'},
+        {"class", 4, 1, 3},
+        {"data encoding", 5, 1, 0},
+        {"section header table past the end", shoffAt, addr, good.size() + 8},
+        {"name table index out of range", shnumAt + 2, 2, 4},
+        {"name table past the end", strHdr + offsetAt, addr, good.size()},
+        {"name outside the name table", shoff + shdrSize, 4, 0xffffffffu},
+    };
+    ASSERT_TRUE(load(good).has_value());
+    for (const Damage& d : damages) {
+      Bytes bad = good;
+      elf_test::put(bad, d.at, d.width, d.value, big);
+      EXPECT_FALSE(load(bad).has_value()) << d.what;
     }
-    absl::optional<ELF> image = load(bad);
-    if (!image) continue;
-    EXPECT_EQ(saved(*image), bad);
-    for (const std::string& name : image->sectionNames()) EXPECT_TRUE(image->hasSection(name));
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Inputs, ElfRefusal, testing::Values("main.o", "extra.o", "be32", "be64", "le32"),
-                         [](const testing::TestParamInfo<const char*>& info) {
-                           std::string name = info.param;
-                           name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
-                           return name;
-                         });
+TEST(ElfRefusal, TruncatedImagesAreRefused) {
+  for (const Bytes& bytes : {example("main.o"), elf_test::craft({true, true, {".text"}})}) {
+    // Inside the identification, the file header, the contents, the
+    // section header table, and one byte short.
+    for (size_t cut : {size_t{0}, size_t{5}, size_t{40}, bytes.size() / 2, bytes.size() - 40, bytes.size() - 1}) {
+      // Exactly sized heap copies, so a read past the cut is caught.
+      const Bytes part(bytes.begin(), bytes.begin() + cut);
+      EXPECT_FALSE(load(part).has_value()) << "cut at " << cut;
+    }
+  }
+}
 
 TEST(ElfRefusal, NoBytesAndForeignBytesAreRefused) {
   EXPECT_FALSE(ELF::load({}).has_value());
