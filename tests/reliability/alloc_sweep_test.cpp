@@ -42,7 +42,7 @@ keloDbgElf handle(kelo_elf::ELF& image) { return reinterpret_cast<keloDbgElf>(&i
 int openFds() {
   int n = 0;
   if (DIR* d = opendir("/proc/self/fd")) {
-    while (readdir(d) != nullptr) ++n;
+    while (readdir64(d) != nullptr) ++n;
     closedir(d);
   }
   return n;

@@ -17,10 +17,12 @@ namespace {
 
 const std::string kCorpus = std::string(KELO_TEST_SOURCE_DIR) + "/../fuzz/corpus/";
 
+// readdir64: on 32-bit hosts plain readdir fails on file systems with 64-bit
+// inode numbers.
 std::vector<std::string> filesIn(const std::string& dir) {
   std::vector<std::string> names;
   if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
+    while (dirent64* e = readdir64(d)) {
       if (e->d_name[0] != '.') names.push_back(e->d_name);
     }
     closedir(d);
