@@ -4,8 +4,8 @@
 #
 # Environment: BUILD_DIR (default build/), JOBS (default 2),
 # SKIP_SETUP=1 to leave the installed packages alone; SKIP_ASAN=1,
-# SKIP_VALGRIND=1, SKIP_I386=1, SKIP_FUZZ=1 to leave out those stages. The
-# extra stages build into $BUILD_DIR-asan, -i386 and -fuzz.
+# SKIP_VALGRIND=1, SKIP_I386=1, SKIP_FUZZ=1, SKIP_BENCH=1 to leave out those
+# stages. The extra stages build into $BUILD_DIR-asan, -i386, -fuzz and -bench.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -112,6 +112,17 @@ stage_fuzz() {
   return $failed
 }
 
+# The benchmark in its quick mode, to prove it still builds and runs; its
+# figures are not judged here (see bench/README.md).
+stage_bench() {
+  [[ ${SKIP_BENCH:-0} == 1 ]] && return
+  stage "benchmark smoke run: $build-bench"
+  cmake -S "$root" -B "$build-bench" -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_BENCH=ON \
+    -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF -DKELO_WERROR=ON
+  cmake --build "$build-bench" -j "$jobs" --target kelo_bench
+  "$build-bench/bench/kelo_bench" --quick
+}
+
 # Runs a stage and notes how long it took.
 timings=()
 timed() {
@@ -128,6 +139,7 @@ main() {
   timed stage_valgrind
   timed stage_i386
   timed stage_fuzz
+  timed stage_bench
   stage "stage times"
   printf '%s\n' "${timings[@]}"
   stage "all tests passed"
