@@ -11,15 +11,8 @@ build=${BUILD_DIR:-$root/build-demo}
 prefix=${PREFIX:-/usr/local}
 jobs=${JOBS:-2}
 
-stage() { printf '\n==== %s\n' "$*"; }
-
-stage_setup() {
-  if [[ ${SKIP_SETUP:-0} == 1 ]]; then
-    return
-  fi
-  stage "setup: Debian packages"
-  bash "$root/scripts/setup.sh"
-}
+# shellcheck source=common.sh
+source "$root/scripts/common.sh"
 
 stage_install() {
   stage "build and install into $prefix"

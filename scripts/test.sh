@@ -12,15 +12,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 jobs=${JOBS:-2}
 
-stage() { printf '\n==== %s\n' "$*"; }
-
-stage_setup() {
-  if [[ ${SKIP_SETUP:-0} == 1 ]]; then
-    return
-  fi
-  stage "setup: Debian packages"
-  bash "$root/scripts/setup.sh"
-}
+# shellcheck source=common.sh
+source "$root/scripts/common.sh"
 
 stage_build() {
   stage "build: $build"
