@@ -154,6 +154,9 @@ class Decoder<io::File> {
   // of the bytes that actually arrived, so a forged length cannot make the
   // reader allocate more than the stream backs.
   static constexpr std::size_t kReadStep = std::size_t{1} << 20;
+  // Lengths up to this are trusted at once; longer ones of a stream whose
+  // size is unknown grow from here, by the bytes that arrived so far.
+  static constexpr std::size_t kFirstStep = std::size_t{64} << 10;
 
   explicit Decoder(io::File& file) noexcept : file_(file) {}
 
@@ -218,19 +221,19 @@ class Decoder<io::File> {
  private:
   // Fills `buf` (a std::string or byte vector) with exactly n bytes. The
   // buffer is sized at once when n is small, fits its current capacity or is
-  // backed by the rest of a regular file; otherwise it grows in steps of
-  // kReadStep as the data arrives.
+  // backed by the rest of a regular file; otherwise it grows as the data
+  // arrives, by as much as has arrived (from kFirstStep up to kReadStep).
   template <typename Buf>
   bool readExactly(Buf& buf, std::size_t n) {
     std::FILE* stream = file_.get();
     buf.clear();
-    if (n <= kReadStep || n <= buf.capacity() || backedCount(n, 1) == n) {
+    if (n <= kFirstStep || n <= buf.capacity() || backedCount(n, 1) == n) {
       buf.resize(n);
       return n == 0 || fread_unlocked(&buf[0], 1, n, stream) == n;
     }
     std::size_t have = 0;
     while (have < n) {
-      const std::size_t step = std::min(n - have, kReadStep);
+      const std::size_t step = std::min({n - have, std::max(have, kFirstStep), kReadStep});
       buf.resize(have + step);
       if (fread_unlocked(&buf[have], 1, step, stream) != step) return false;
       have += step;
