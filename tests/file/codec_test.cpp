@@ -10,7 +10,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "alloc_probe.h"
 #include "serialize/orvel/io/File.h"
 #include "serialize/orvel/serialize/binary.h"
 
@@ -115,24 +114,6 @@ TEST(Encoding, StringsWithNulBytesRoundTrip) {
   File f = fileOf(bytes);
   Decoder dec(f);
   EXPECT_EQ(dec.readStr().value(), s);
-}
-
-// A stream whose size the decoder cannot learn must still grow its buffers
-// only as the bytes arrive. (Forged lengths in files are swept by the
-// reliability tests.)
-TEST(Decoding, ForgedLengthOnAStreamFailsWithoutABigAllocation) {
-  const uint64_t stringLength = std::min<uint64_t>(0xFFFFFFFF, std::string().max_size());
-  const uint64_t byteCount = std::min<uint64_t>(0xFFFFFFFF, Bytes().max_size());
-  Bytes str = le64(stringLength) + Bytes(92, 'x');
-  Bytes seq = le64(byteCount) + Bytes(92, 'x');
-  File strFile = memoryOf(str);
-  File seqFile = memoryOf(seq);
-  Decoder strDec(strFile);
-  Decoder seqDec(seqFile);
-  alloc_probe::reset();
-  EXPECT_FALSE(strDec.readStr().isOk());
-  EXPECT_FALSE(Decodable<Bytes>::decode(seqDec).isOk());
-  EXPECT_LE(alloc_probe::largest(), 2 * Decoder::kReadStep);
 }
 
 TEST(Decoding, LongSequencesAndStringsSpanningManyStepsRoundTrip) {

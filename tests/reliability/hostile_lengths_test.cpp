@@ -4,6 +4,7 @@
 // arrives, whatever a prefix says.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
@@ -93,6 +94,26 @@ TEST(HostileLengths, ReadsAllocateLittleBeyondTheFileWhateverThePrefixesSay) {
     EXPECT_LE(peak, c.bytes.size() + kAllowance) << c.what;
     std::printf("[ hostile  ] %-32s file %zu bytes, peak allocation %zu bytes\n", c.what, c.bytes.size(), peak);
   }
+}
+
+// On a stream whose size the decoder cannot learn (a memory stream), string
+// and byte buffers still grow only as the bytes arrive.
+TEST(HostileLengths, ForgedLengthsOnAStreamOfUnknownSize) {
+  using Decoder = orvel_lib::serialize::binary::Decoder<orvel_lib::io::File>;
+  const uint64_t stringLength = std::min<uint64_t>(0xffffffffu, std::string().max_size());
+  const uint64_t byteCount = std::min<uint64_t>(0xffffffffu, std::vector<unsigned char>().max_size());
+  std::vector<unsigned char> str = Bytes().u(8, stringLength).padded(100);
+  std::vector<unsigned char> seq = Bytes().u(8, byteCount).padded(100);
+  orvel_lib::io::File strFile(fmemopen(str.data(), str.size(), "rb"));
+  orvel_lib::io::File seqFile(fmemopen(seq.data(), seq.size(), "rb"));
+  ASSERT_TRUE(strFile && seqFile);
+  Decoder strDec(strFile);
+  Decoder seqDec(seqFile);
+  const std::size_t base = counting_new::liveBytes();
+  counting_new::resetPeak();
+  EXPECT_FALSE(strDec.readStr().isOk());
+  EXPECT_FALSE(orvel_lib::serialize::Decodable<std::vector<unsigned char>>::decode(seqDec).isOk());
+  EXPECT_LE(counting_new::peakBytes() - base, 2 * Decoder::kFirstStep + 4096);
 }
 
 // A byte-sequence count above 2^31 - 1 is beyond what a 32-bit vector can
