@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "elf/elf_images.h"
 #include "file/DebugInfoFile.h"
 #include "kelo/DebugInfoList.h"
 
@@ -19,73 +20,14 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// Writes unsigned integers of a chosen byte order at given offsets.
-struct Writer {
-  Bytes& out;
-  bool big;
-  void put(size_t at, unsigned width, uint64_t v) {
-    if (out.size() < at + width) out.resize(at + width);
-    for (unsigned i = 0; i < width; ++i) out[at + (big ? width - 1 - i : i)] = static_cast<unsigned char>(v >> (8 * i));
-  }
-};
-
-// A relocatable ELF file with a null section, one 4-byte PROGBITS section per
-// name and the section-name string table.
+// A relocatable ELF file with one small PROGBITS section per name and the
+// section-name string table, made by the image tests' crafter.
 Bytes makeElf(bool is64, bool big, const std::vector<std::string>& names) {
-  Bytes b;
-  Writer w{b, big};
-  const size_t ehsize = is64 ? 64 : 52;
-  const size_t shentsize = is64 ? 64 : 40;
-  const unsigned addr = is64 ? 8 : 4;
-
-  std::string strtab(1, '\0');
-  std::vector<size_t> nameAt;
-  for (const std::string& n : names) {
-    nameAt.push_back(strtab.size());
-    strtab += n + '\0';
-  }
-  const size_t strName = strtab.size();
-  strtab += ".shstrtab";
-  strtab += '\0';
-
-  size_t at = ehsize;
-  std::vector<size_t> dataAt;
-  for (size_t i = 0; i < names.size(); ++i) {
-    dataAt.push_back(at);
-    w.put(at, 4, 0x90909090u + i);
-    at += 4;
-  }
-  const size_t strAt = at;
-  b.resize(strAt + strtab.size());
-  std::copy(strtab.begin(), strtab.end(), b.begin() + static_cast<long>(strAt));
-  const size_t shoff = (strAt + strtab.size() + 7) & ~size_t{7};
-  const size_t shnum = names.size() + 2;
-  b.resize(shoff + shnum * shentsize);
-
-  const unsigned char ident[] = {
-      0x7f, 'E', 'L', 'F', static_cast<unsigned char>(is64 ? 2 : 1), static_cast<unsigned char>(big ? 2 : 1), 1};
-  std::copy(std::begin(ident), std::end(ident), b.begin());
-  w.put(16, 2, 1);                    // e_type: relocatable
-  w.put(18, 2, is64 ? 62 : 3);        // e_machine
-  w.put(20, 4, 1);                    // e_version
-  w.put(24 + 2 * addr, addr, shoff);  // e_shoff
-  const size_t halves = 24 + 3 * addr + 4;
-  w.put(halves, 2, ehsize);
-  w.put(halves + 6, 2, shentsize);
-  w.put(halves + 8, 2, shnum);
-  w.put(halves + 10, 2, shnum - 1);  // e_shstrndx
-
-  auto section = [&](size_t index, size_t name, unsigned type, size_t offset, size_t size) {
-    const size_t s = shoff + index * shentsize;
-    w.put(s, 4, name);
-    w.put(s + 4, 4, type);
-    w.put(s + (is64 ? 24 : 16), addr, offset);
-    w.put(s + (is64 ? 32 : 20), addr, size);
-    w.put(s + (is64 ? 48 : 32), addr, 1);  // sh_addralign
-  };
-  for (size_t i = 0; i < names.size(); ++i) section(i + 1, nameAt[i], 1 /* PROGBITS */, dataAt[i], 4);
-  section(shnum - 1, strName, 3 /* STRTAB */, strAt, strtab.size());
-  return b;
+  elf_test::Crafted want;
+  want.is64 = is64;
+  want.big = big;
+  want.sections = names;
+  return elf_test::craft(want);
 }
 
 // Little-endian fields of a hand-made debug-info file.
