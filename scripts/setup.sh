@@ -11,7 +11,7 @@ packages=(
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
   libclang-rt-14-dev g++-multilib qemu-user
-  libabsl-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libelf1:i386
+  libabsl-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libelf1:i386 libfmt-dev:i386
 )
 
 sudo=

@@ -15,11 +15,10 @@ set(CMAKE_SYSTEM_PROCESSOR i686)
 
 set(CMAKE_C_COMPILER gcc)
 set(CMAKE_CXX_COMPILER g++)
-# 64-bit file offsets and inode numbers, as a 32-bit build of the library is
-# meant to run: without them fstat() and readdir() fail on file systems with
-# large inode numbers.
-set(CMAKE_C_FLAGS_INIT "-m32 -D_FILE_OFFSET_BITS=64")
-set(CMAKE_CXX_FLAGS_INIT "-m32 -D_FILE_OFFSET_BITS=64")
+# (The project itself builds with 64-bit file offsets, for files above 2 GiB
+# and for file systems with large inode numbers.)
+set(CMAKE_C_FLAGS_INIT "-m32")
+set(CMAKE_CXX_FLAGS_INIT "-m32")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
@@ -43,10 +42,6 @@ if(NOT _kelo_in_try_compile)
     "Cflags:\nLibs: -L${_kelo_i386_dir} -lelf\n")
   set(ENV{PKG_CONFIG_LIBDIR} "${_kelo_i386_dir}:/usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig")
 endif()
-
-# The kelodbg tool needs libraries (fmt) that have no i386 package installed
-# here; its tests are left to the native build.
-set(KELO_BUILD_TOOLS OFF CACHE BOOL "Build the kelodbg command-line tool")
 
 find_program(KELO_QEMU_I386 qemu-i386 REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${KELO_QEMU_I386})

@@ -1,6 +1,7 @@
 // The C interface of the image library. Every function converts its
-// arguments, calls the public C++ interface and converts the answer back;
-// no exception leaves this file. A keloElf* is a kelo_elf::ELF* in disguise.
+// arguments, calls the public C++ interface and converts the answer back,
+// inside the one exception barrier (capi/guard.h). A keloElf* is a
+// kelo_elf::ELF (capi/handles.h).
 #include "kelo/elf.h"
 
 #include <cstdint>
@@ -11,23 +12,23 @@
 #include <utility>
 #include <vector>
 
+#include "capi/guard.h"
+#include "capi/handles.h"
 #include "kelo/elf.hpp"
 
 namespace {
 
+using kelo_capi::guarded;
 using kelo_elf::ELF;
+using kelo_handles::toHandle;
+using kelo_handles::toImage;
 
-ELF* toCpp(keloElf* image) { return reinterpret_cast<ELF*>(image); }
-const ELF* toCpp(const keloElf* image) { return reinterpret_cast<const ELF*>(image); }
-
-keloElf* load(absl::Span<unsigned char const> bytes) noexcept {
-  try {
-    absl::optional<ELF> image = ELF::load(bytes);
-    if (!image) return nullptr;
-    return reinterpret_cast<keloElf*>(new (std::nothrow) ELF(std::move(*image)));
-  } catch (...) {
-    return nullptr;
-  }
+// A heap copy of the image made from `bytes`, or null. Throws what loading
+// throws.
+keloElf* load(absl::Span<unsigned char const> bytes) {
+  absl::optional<ELF> image = ELF::load(bytes);
+  if (!image) return nullptr;
+  return toHandle(new ELF(std::move(*image)));
 }
 
 struct FileClose {
@@ -61,30 +62,24 @@ bool readAll(const char* path, std::vector<unsigned char>& out) {
 extern "C" {
 
 keloElf* keloElfLoad(const void* data, size_t size) {
-  if (data == nullptr && size != 0) return nullptr;
-  return load(absl::Span<unsigned char const>(static_cast<const unsigned char*>(data), size));
+  return guarded<keloElf*>(nullptr, [&]() -> keloElf* {
+    if (data == nullptr && size != 0) return nullptr;
+    return load(absl::Span<unsigned char const>(static_cast<const unsigned char*>(data), size));
+  });
 }
 
 keloElf* keloElfLoadFile(const char* path) {
-  if (path == nullptr) return nullptr;
-  try {
+  return guarded<keloElf*>(nullptr, [&]() -> keloElf* {
     std::vector<unsigned char> bytes;
-    if (!readAll(path, bytes)) return nullptr;
+    if (path == nullptr || !readAll(path, bytes)) return nullptr;
     return load(bytes);
-  } catch (...) {
-    return nullptr;
-  }
+  });
 }
 
-void keloElfFree(keloElf* image) { delete toCpp(image); }
+void keloElfFree(keloElf* image) { delete toImage(image); }
 
 bool keloElfHasSection(const keloElf* image, const char* name) {
-  if (image == nullptr || name == nullptr) return false;
-  try {
-    return toCpp(image)->hasSection(std::string(name));
-  } catch (...) {
-    return false;
-  }
+  return guarded(false, [&] { return image != nullptr && name != nullptr && toImage(image)->hasSection(name); });
 }
 
 }  // extern "C"

@@ -17,12 +17,7 @@
 
 #include "absl/types/span.h"
 #include "kelo/elf.hpp"
-
-#if defined(KELO_DEBUGINFO_BUILDING)
-#define KELO_DEBUGINFO_EXPORT __attribute__((visibility("default")))
-#else
-#define KELO_DEBUGINFO_EXPORT
-#endif
+#include "kelo/export.h"
 
 namespace kelo_debuginfo {
 
@@ -65,15 +60,15 @@ class DebugInfoList {
   // Files `image` under `id`, stamping id into image.debugInfoID, and returns
   // the stored image. When `id` is already filed, returns the image stored
   // under it and leaves both the list and `image` untouched. Never null.
-  KELO_DEBUGINFO_EXPORT kelo_elf::ELF* add(const DebugInfoID& id, kelo_elf::ELF&& image);
+  KELO_EXPORT kelo_elf::ELF* add(const DebugInfoID& id, kelo_elf::ELF&& image);
 
   // Moves every entry of `other` into this list, all or nothing: returns
   // false, with both lists unchanged, when any identifier of `other` is
   // already filed here. On success `other` is left empty and usable.
-  KELO_DEBUGINFO_EXPORT bool merge(DebugInfoList& other);
+  KELO_EXPORT bool merge(DebugInfoList& other);
 
   // Destroys every entry.
-  KELO_DEBUGINFO_EXPORT void clear();
+  KELO_EXPORT void clear();
 
   // Refiles entries under new identifiers, all at once: exchanges and chains
   // are allowed. Returns false, with the list untouched, when two pairs share
@@ -81,19 +76,19 @@ class DebugInfoList {
   // identifier, or a new identifier is held by an entry not renumbered.
   // Renumbered images get their new identifier in debugInfoID. Every success
   // (an empty span included) moves every entry to new storage.
-  KELO_DEBUGINFO_EXPORT bool update(absl::Span<const DebugInfoNewID> ids);
+  KELO_EXPORT bool update(absl::Span<const DebugInfoNewID> ids);
 
   // The image filed under `id`, or null.
-  KELO_DEBUGINFO_EXPORT kelo_elf::ELF* find(const DebugInfoID& id);
+  KELO_EXPORT kelo_elf::ELF* find(const DebugInfoID& id);
 
   // The address recorded for section `name` of the entry `id`; 0 when there
   // is no such entry or no address recorded under that name.
-  KELO_DEBUGINFO_EXPORT unsigned getSectionAddr(const DebugInfoID& id, const std::string& name) const;
+  KELO_EXPORT unsigned getSectionAddr(const DebugInfoID& id, const std::string& name) const;
 
   // Records `addr` for section `name` of the entry `id`, replacing an earlier
   // address. Only names the image has, ".constant" and ".local" are
   // accepted; anything else, or an absent entry, changes nothing.
-  KELO_DEBUGINFO_EXPORT void setSectionAddr(const DebugInfoID& id, const std::string& name, unsigned addr);
+  KELO_EXPORT void setSectionAddr(const DebugInfoID& id, const std::string& name, unsigned addr);
 };
 
 }  // namespace kelo_debuginfo

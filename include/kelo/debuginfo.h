@@ -14,7 +14,9 @@
  *     moves entries of its list (add, merge, clear, update, free).
  *  4. Failure is a NULL, false or 0 result; no call says why, and no call
  *     lets an exception out. A NULL list, iterator, name, path or record
- *     array (with count > 0) gives the call's failure result.
+ *     array (with count > 0) gives the call's failure result. The calls that
+ *     can fail let one thing through: the unwinding with which the C library
+ *     cancels a thread (a read blocked on a FIFO can be cancelled).
  *  5. Identifiers passed in have kind 0 or 1; any other kind is the call's
  *     failure. Images added from C are filed under kind 1.
  *  6. Strings are only read during a call; nothing keeps a pointer to them.
@@ -28,14 +30,10 @@
 #include <stdint.h>
 
 #include "kelo/elf.h"
+#include "kelo/export.h"
 
-#if defined(KELO_DEBUGINFO_BUILDING)
-#define KELO_DBG_EXPORT __attribute__((visibility("default")))
-#else
-#define KELO_DBG_EXPORT
-#endif
-
-/* No call lets an exception out; C++ callers see that in the declarations. */
+/* Calls that cannot fail let nothing out; C++ callers see that in their
+ * declarations. */
 #if defined(__cplusplus)
 #define KELO_DBG_NOEXCEPT noexcept
 #else
@@ -66,86 +64,83 @@ typedef struct keloDbgNewID {
 /* ---- Lists, entries and version ---- */
 
 /* A new, empty list; NULL when memory runs out. Free it with keloDbgFree. */
-KELO_DBG_EXPORT keloDbgList keloDbgAlloc(void) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgList keloDbgAlloc(void);
 
 /* Releases a list with every entry. Its image handles and iterators die with
  * it. NULL does nothing. */
-KELO_DBG_EXPORT void keloDbgFree(keloDbgList list) KELO_DBG_NOEXCEPT;
+KELO_EXPORT void keloDbgFree(keloDbgList list) KELO_DBG_NOEXCEPT;
 
 /* Destroys every entry; the list stays usable. */
-KELO_DBG_EXPORT void keloDbgClear(keloDbgList list) KELO_DBG_NOEXCEPT;
+KELO_EXPORT void keloDbgClear(keloDbgList list);
 
 /* Files a copy of `image` under kind 1, number hi << 16 | lo, and returns the
  * stored image. When that identifier is already filed, returns the image
  * stored under it and leaves the list unchanged. The caller's image is
  * neither kept nor changed. NULL when image is NULL, when it cannot be
  * copied, or when memory runs out. */
-KELO_DBG_EXPORT keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi);
 
 /* The same as keloDbgAdd. */
-KELO_DBG_EXPORT keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo,
-                                           uint16_t hi) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi);
 
 /* Moves every entry of `src` into `dst`, all or nothing. True on success
  * (src is then empty, and still needs keloDbgFree); false, with both lists
  * unchanged, when they share an identifier. */
-KELO_DBG_EXPORT bool keloDbgMerge(keloDbgList dst, keloDbgList src) KELO_DBG_NOEXCEPT;
+KELO_EXPORT bool keloDbgMerge(keloDbgList dst, keloDbgList src);
 
 /* The image filed under `id`, or NULL. */
-KELO_DBG_EXPORT keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id);
 
 /* The library version (1, 1, 2) and build text ("unknown", static, never to
  * be freed). NULL out-parameters are skipped. */
-KELO_DBG_EXPORT void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch,
-                                    const char** build) KELO_DBG_NOEXCEPT;
+KELO_EXPORT void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch,
+                                const char** build) KELO_DBG_NOEXCEPT;
 
 /* ---- Iteration and section addresses ---- */
 
 /* An iterator on the first entry of `list`; NULL when the list is empty or
  * memory runs out. Free it with keloDbgIterFree. */
-KELO_DBG_EXPORT keloDbgIterator keloDbgIter(keloDbgList list) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgIterator keloDbgIter(keloDbgList list);
 
 /* Moves to the next entry: true when the iterator is on an entry, false once
  * it has passed the last one (and on every later call). */
-KELO_DBG_EXPORT bool keloDbgIterNext(keloDbgIterator it) KELO_DBG_NOEXCEPT;
+KELO_EXPORT bool keloDbgIterNext(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The identifier of the current entry. REQUIRES: the iterator is on an
  * entry. A kind other than 0 or 1 (possible in lists read from files) is
  * copied unchanged. */
-KELO_DBG_EXPORT keloDbgID keloDbgIterID(keloDbgIterator it) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgID keloDbgIterID(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The stored image of the current entry (borrowed). REQUIRES: the iterator
  * is on an entry. */
-KELO_DBG_EXPORT keloDbgElf keloDbgIterELF(keloDbgIterator it) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgElf keloDbgIterELF(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* Releases an iterator; its list is untouched. NULL does nothing. */
-KELO_DBG_EXPORT void keloDbgIterFree(keloDbgIterator it) KELO_DBG_NOEXCEPT;
+KELO_EXPORT void keloDbgIterFree(keloDbgIterator it) KELO_DBG_NOEXCEPT;
 
 /* The address recorded for section `name` of entry `id`; 0 when none is. */
-KELO_DBG_EXPORT uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name) KELO_DBG_NOEXCEPT;
+KELO_EXPORT uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name);
 
 /* Records `addr` for section `name` of entry `id`, replacing an earlier one.
  * Only names the image has, ".constant" and ".local" are recorded. */
-KELO_DBG_EXPORT void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name,
-                                           uint32_t addr) KELO_DBG_NOEXCEPT;
+KELO_EXPORT void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uint32_t addr);
 
 /* ---- Files ---- */
 
 /* Writes the whole list to `path`, creating or truncating it. True when
  * everything reached the file. A failed write leaves what was written so far
  * on disk. */
-KELO_DBG_EXPORT bool keloDbgWrite(keloDbgList list, const char* path) KELO_DBG_NOEXCEPT;
+KELO_EXPORT bool keloDbgWrite(keloDbgList list, const char* path);
 
 /* A new list holding the entries of the file at `path`; NULL when the file
  * cannot be opened, is not a debug-info file, has a version other than 1.1.x
  * or cannot be decoded. */
-KELO_DBG_EXPORT keloDbgList keloDbgRead(const char* path) KELO_DBG_NOEXCEPT;
+KELO_EXPORT keloDbgList keloDbgRead(const char* path);
 
 /* The first three version bytes of the file at `path`, whatever they are.
  * False (out-parameters untouched) when the file cannot be opened or does not
  * start with a debug-info header. NULL out-parameters are skipped. */
-KELO_DBG_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor,
-                                        uint32_t* patch) KELO_DBG_NOEXCEPT;
+KELO_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint32_t* patch);
 
 /* ---- Renumbering ---- */
 
@@ -154,7 +149,7 @@ KELO_DBG_EXPORT bool keloDbgFileVersion(const char* path, uint32_t* major, uint3
  * other than 0 or 1, two records share an old or a new identifier, an old
  * identifier is not filed, or a new one is held by an entry not renumbered.
  * `records` may be NULL when count is 0. */
-KELO_DBG_EXPORT bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count) KELO_DBG_NOEXCEPT;
+KELO_EXPORT bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -3,9 +3,9 @@
 // back. Calls that can throw run their whole body inside guarded(), the one
 // place where exceptions are stopped; the others are plain noexcept code.
 //
-// Handles: a keloDbgList is a heap DebugInfoList, a keloDbgElf is a
-// kelo_elf::ELF (the C type of the image library), and a keloDbgIterator is
-// the keloDbgIteratorRec defined here.
+// Handles: a keloDbgList is a heap DebugInfoList and a keloDbgElf a
+// kelo_elf::ELF (capi/handles.h converts them); a keloDbgIterator is the
+// keloDbgIteratorRec defined here.
 #include "kelo/debuginfo.h"
 
 #include <cstdint>
@@ -14,7 +14,10 @@
 #include <vector>
 
 #include "absl/types/optional.h"
+#include "capi/guard.h"
+#include "capi/handles.h"
 #include "file/DebugInfoFile.h"
+#include "file/format.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/elf.hpp"
 #include "kelo_version.h"
@@ -32,14 +35,14 @@ struct keloDbgIteratorRec {
 
 namespace {
 
-DebugInfoList* toList(keloDbgList list) noexcept { return reinterpret_cast<DebugInfoList*>(list); }
-keloDbgList toHandle(DebugInfoList* list) noexcept { return reinterpret_cast<keloDbgList>(list); }
-kelo_elf::ELF* toImage(keloDbgElf image) noexcept { return reinterpret_cast<kelo_elf::ELF*>(image); }
-keloDbgElf toHandle(kelo_elf::ELF* image) noexcept { return reinterpret_cast<keloDbgElf>(image); }
+using kelo_capi::guarded;
+using kelo_handles::toHandle;
+using kelo_handles::toImage;
+using kelo_handles::toList;
 
 // Only kinds 0 and 1 cross the C boundary; anything else is no identifier.
 absl::optional<DebugInfoID> toID(keloDbgID id) noexcept {
-  if (id.kind > 1) return absl::nullopt;
+  if (id.kind > kelo_debuginfo::format::kMaxCKind) return absl::nullopt;
   return DebugInfoID(static_cast<uint8_t>(id.kind), static_cast<uint16_t>(id.id & 0xFFFFu),
                      static_cast<uint16_t>(id.id >> 16));
 }
@@ -48,46 +51,25 @@ absl::optional<DebugInfoID> toID(keloDbgID id) noexcept {
 // come from files and from the class interface.
 keloDbgID toRecord(const DebugInfoID& id) noexcept { return keloDbgID{id.kind, id.number()}; }
 
-// The exception barrier: runs `body` and turns every exception, of any
-// type, into `failure`. Temporaries of the body are released by unwinding
-// before the handler runs.
-template <typename Result, typename Body>
-Result guarded(Result failure, Body&& body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    return failure;
-  }
-}
-
-// The same barrier for calls without a result.
-template <typename Body>
-void guarded(Body&& body) noexcept {
-  guarded(false, [&body] {
-    body();
-    return true;
-  });
-}
-
 }  // namespace
 
 extern "C" {
 
 // ---- Lists, entries and version ----
 
-keloDbgList keloDbgAlloc(void) noexcept {
+keloDbgList keloDbgAlloc(void) {
   return guarded<keloDbgList>(nullptr, [] { return toHandle(new DebugInfoList()); });
 }
 
 void keloDbgFree(keloDbgList list) noexcept { delete toList(list); }
 
-void keloDbgClear(keloDbgList list) noexcept {
+void keloDbgClear(keloDbgList list) {
   guarded([list] {
     if (list != nullptr) toList(list)->clear();
   });
 }
 
-keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) noexcept {
+keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) {
   return guarded<keloDbgElf>(nullptr, [&]() -> keloDbgElf {
     if (list == nullptr || image == nullptr) return nullptr;
     // The list files a copy, made through the saved form: the caller's image
@@ -101,15 +83,15 @@ keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t 
   });
 }
 
-keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) noexcept {
+keloDbgElf keloDbgAddForCU(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t hi) {
   return keloDbgAdd(list, image, lo, hi);
 }
 
-bool keloDbgMerge(keloDbgList dst, keloDbgList src) noexcept {
+bool keloDbgMerge(keloDbgList dst, keloDbgList src) {
   return guarded(false, [&] { return dst != nullptr && src != nullptr && toList(dst)->merge(*toList(src)); });
 }
 
-keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id) noexcept {
+keloDbgElf keloDbgFind(keloDbgList list, keloDbgID id) {
   return guarded<keloDbgElf>(nullptr, [&]() -> keloDbgElf {
     absl::optional<DebugInfoID> key = toID(id);
     if (list == nullptr || !key) return nullptr;
@@ -127,7 +109,7 @@ void keloDbgVersion(uint32_t* major, uint32_t* minor, uint32_t* patch, const cha
 
 // ---- Iteration and section addresses ----
 
-keloDbgIterator keloDbgIter(keloDbgList list) noexcept {
+keloDbgIterator keloDbgIter(keloDbgList list) {
   return guarded<keloDbgIterator>(nullptr, [list]() -> keloDbgIterator {
     if (list == nullptr || toList(list)->entries.empty()) return nullptr;
     DebugInfoList::Map& entries = toList(list)->entries;
@@ -153,7 +135,7 @@ keloDbgElf keloDbgIterELF(keloDbgIterator it) noexcept {
 
 void keloDbgIterFree(keloDbgIterator it) noexcept { delete it; }
 
-uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name) noexcept {
+uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name) {
   return guarded<uint32_t>(0, [&]() -> uint32_t {
     absl::optional<DebugInfoID> key = toID(id);
     if (list == nullptr || name == nullptr || !key) return 0;
@@ -161,7 +143,7 @@ uint32_t keloDbgGetSectionAddr(keloDbgList list, keloDbgID id, const char* name)
   });
 }
 
-void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uint32_t addr) noexcept {
+void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uint32_t addr) {
   guarded([&] {
     absl::optional<DebugInfoID> key = toID(id);
     if (list == nullptr || name == nullptr || !key) return;
@@ -171,13 +153,13 @@ void keloDbgSetSectionAddr(keloDbgList list, keloDbgID id, const char* name, uin
 
 // ---- Files ----
 
-bool keloDbgWrite(keloDbgList list, const char* path) noexcept {
+bool keloDbgWrite(keloDbgList list, const char* path) {
   return guarded(false, [&] {
     return list != nullptr && path != nullptr && kelo_debuginfo::file::writeList(*toList(list), path);
   });
 }
 
-keloDbgList keloDbgRead(const char* path) noexcept {
+keloDbgList keloDbgRead(const char* path) {
   return guarded<keloDbgList>(nullptr, [path]() -> keloDbgList {
     if (path == nullptr) return nullptr;
     absl::optional<DebugInfoList> read = kelo_debuginfo::file::readList(path);
@@ -186,7 +168,7 @@ keloDbgList keloDbgRead(const char* path) noexcept {
   });
 }
 
-bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint32_t* patch) noexcept {
+bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint32_t* patch) {
   return guarded(false, [&] {
     if (path == nullptr) return false;
     absl::optional<kelo_debuginfo::file::FileVersion> version = kelo_debuginfo::file::readVersion(path);
@@ -200,7 +182,7 @@ bool keloDbgFileVersion(const char* path, uint32_t* major, uint32_t* minor, uint
 
 // ---- Renumbering ----
 
-bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count) noexcept {
+bool keloDbgUpdate(keloDbgList list, const keloDbgNewID* records, uint32_t count) {
   return guarded(false, [&] {
     if (list == nullptr || (records == nullptr && count > 0)) return false;
     // Every kind is checked before anything is allocated or the list touched.

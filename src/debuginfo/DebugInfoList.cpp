@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "file/format.h"
+
 namespace kelo_debuginfo {
 namespace {
 
@@ -15,8 +17,6 @@ static_assert(std::is_nothrow_move_assignable<kelo_elf::ELF>::value, "image move
 static_assert(std::is_nothrow_move_constructible<kelo_elf::ELF>::value, "image moves must not throw");
 static_assert(std::is_nothrow_move_assignable<decltype(RelocELF::sectionAddrs)>::value,
               "moving a section table must not throw");
-
-bool isAlwaysAcceptedSection(const std::string& name) { return name == ".constant" || name == ".local"; }
 
 }  // namespace
 
@@ -130,7 +130,7 @@ void DebugInfoList::setSectionAddr(const DebugInfoID& id, const std::string& nam
   auto it = entries.find(id);
   if (it == entries.end()) return;
   RelocELF& entry = it->second;
-  if (!entry.elf.hasSection(name) && !isAlwaysAcceptedSection(name)) return;
+  if (!entry.elf.hasSection(name) && !format::isAlwaysAcceptedSection(name)) return;
   entry.sectionAddrs.insert_or_assign(name, addr);
 }
 

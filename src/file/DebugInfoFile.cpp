@@ -1,13 +1,6 @@
-// The debug-info file.
-//
-// Layout (all integers little-endian, no fill):
-//   header   8-byte magic 80 'K' 'E' 'L' 'O' 'D' 'B' 'G', then the bytes
-//            major, minor, patch, reserved (written 1, 1, 2, 0)
-//   body     the entries map: 8-byte count N, then N entries
-//   entry    kind (1), lo (2), hi (2), image length L (8), L image bytes,
-//            section count S (8), S section records
-//   section  name length K (8), K name bytes, address (4)
-// Nothing follows the last entry; a reader ignores anything that does.
+// The debug-info file: the codec's encodings of the list's types, and the
+// procedures that write and read whole files. The layout is described in
+// file/format.h.
 #include "file/DebugInfoFile.h"
 
 #include <cstdio>
@@ -18,7 +11,7 @@
 #include <vector>
 
 #include "absl/types/span.h"
-#include "kelo_version.h"
+#include "file/format.h"
 #include "serialize/orvel/Result.h"
 #include "serialize/orvel/io/File.h"
 #include "serialize/orvel/serialize/binary.h"
@@ -153,16 +146,13 @@ struct Encodable<DebugInfoList::Map> {
 // while the map grows) pass through.
 template <>
 struct Decodable<DebugInfoList> {
-  // The smallest entry: 5 identifier bytes, two 8-byte prefixes.
-  static constexpr uint64_t kMinEntryBytes = 21;
-
   template <typename Dec, typename Res = Result<DebugInfoList, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
     return dec.readMap([](Dec& d, unsigned count) -> Res {
       DebugInfoList::Map entries;
       // Reserve only what the rest of the file can back; the count itself is
       // untrusted.
-      entries.reserve(d.backedCount(count, kMinEntryBytes));
+      entries.reserve(d.backedCount(count, kelo_debuginfo::format::kMinEntrySize));
       std::vector<unsigned char> scratch;
       for (unsigned i = 0; i < count; ++i) {
         auto id = Decodable<DebugInfoID>::decode(d);
@@ -191,8 +181,8 @@ using orvel_lib::io::File;
 using Encoder = orvel_lib::serialize::binary::Encoder<File>;
 using Decoder = orvel_lib::serialize::binary::Decoder<File>;
 
-constexpr unsigned char kMagic[8] = {0x80, 'K', 'E', 'L', 'O', 'D', 'B', 'G'};
-constexpr unsigned char kVersion[4] = {KELO_VERSION_MAJOR, KELO_VERSION_MINOR, KELO_VERSION_PATCH, 0};
+using format::kMagic;
+using format::kVersion;
 
 // Streams that carry whole lists get a large buffer: image bytes go through
 // in bulk, and the many small fields of an entry cost no system calls.
@@ -220,7 +210,7 @@ File openFile(const char* name, const char* mode, std::size_t buffer) {
 Result<FileVersion, Decoder::ErrTy> readHeader(File& file) {
   unsigned char magic[sizeof kMagic];
   if (std::fread(magic, 1, sizeof magic, file.get()) != sizeof magic) return Decoder::ErrTy{};
-  if (std::memcmp(magic, kMagic, sizeof kMagic) != 0) return Decoder::ErrTy{};
+  if (!format::isMagic(magic)) return Decoder::ErrTy{};
   unsigned char version[sizeof kVersion];
   if (std::fread(version, 1, sizeof version, file.get()) != sizeof version) return Decoder::ErrTy{};
   return FileVersion{version[0], version[1], version[2]};
@@ -250,9 +240,7 @@ Result<File, Encoder::ErrTy> writeFile(const char* name) {
   return file;
 }
 
-// Files of the library's own major and minor version are read, whatever
-// their patch level.
-bool isReadable(const FileVersion& v) { return v.major == KELO_VERSION_MAJOR && v.minor == KELO_VERSION_MINOR; }
+bool isReadable(const FileVersion& v) { return format::isReadableVersion(v.major, v.minor); }
 
 bool writeBody(DebugInfoList& list, File& file) {
   Encoder enc(file);

@@ -27,7 +27,7 @@ static int failed;
 
 static keloElf* loadExample(const char* name) {
   char path[4096];
-  snprintf(path, sizeof path, "%s/%s", KELO_EXAMPLES_DIR, name);
+  snprintf(path, sizeof path, "%s/%s", KELO_TEST_DATA_DIR, name);
   keloElf* image = keloElfLoadFile(path);
   if (image == NULL) fprintf(stderr, "cannot load %s\n", path);
   return image;

@@ -13,17 +13,16 @@
 #include <tuple>
 #include <vector>
 
+#include "capi/handles.h"
 #include "double/elf_double.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
 
 namespace capi_test {
 
-inline keloDbgElf handle(kelo_elf::ELF& image) { return reinterpret_cast<keloDbgElf>(&image); }
-inline kelo_elf::ELF* image(keloDbgElf h) { return reinterpret_cast<kelo_elf::ELF*>(h); }
-inline kelo_debuginfo::DebugInfoList& listOf(keloDbgList l) {
-  return *reinterpret_cast<kelo_debuginfo::DebugInfoList*>(l);
-}
+inline keloDbgElf handle(kelo_elf::ELF& image) { return kelo_handles::toHandle(&image); }
+inline kelo_elf::ELF* image(keloDbgElf h) { return kelo_handles::toImage(h); }
+inline kelo_debuginfo::DebugInfoList& listOf(keloDbgList l) { return *kelo_handles::toList(l); }
 
 struct ListFree {
   void operator()(keloDbgListRec* l) const { keloDbgFree(l); }

@@ -16,7 +16,7 @@ using kelo_elf::DebugInfoID;
 using kelo_elf::ELF;
 
 std::vector<unsigned char> readExample(const std::string& name) {
-  std::ifstream in(std::string(KELO_EXAMPLES_DIR) + "/" + name, std::ios::binary);
+  std::ifstream in(std::string(KELO_TEST_DATA_DIR) + "/" + name, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 

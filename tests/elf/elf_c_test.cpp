@@ -41,7 +41,7 @@ TEST(ElfC, LoadsFiles) {
 TEST(ElfC, RefusesUnreadableAndForeignFiles) {
   EXPECT_EQ(keloElfLoadFile(nullptr), nullptr);
   EXPECT_EQ(keloElfLoadFile(elf_test::examplePath("no-such-object.o").c_str()), nullptr);
-  EXPECT_EQ(keloElfLoadFile(KELO_EXAMPLES_DIR), nullptr) << "a directory";
+  EXPECT_EQ(keloElfLoadFile(KELO_TEST_DATA_DIR), nullptr) << "a directory";
 
   const std::string path = testing::TempDir() + "kelo_elf_c_test_truncated.o";
   Bytes bytes = elf_test::readFile(elf_test::examplePath("main.o"));

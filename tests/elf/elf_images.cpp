@@ -12,7 +12,7 @@ Bytes readFile(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-std::string examplePath(const std::string& name) { return std::string(KELO_EXAMPLES_DIR) + "/" + name; }
+std::string examplePath(const std::string& name) { return std::string(KELO_TEST_DATA_DIR) + "/" + name; }
 
 bool fileExists(const std::string& path) {
   struct stat st;

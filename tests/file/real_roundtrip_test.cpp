@@ -26,7 +26,7 @@ Bytes readWhole(const std::string& name) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-Bytes example(const std::string& name) { return readWhole(std::string(KELO_EXAMPLES_DIR) + "/" + name); }
+Bytes example(const std::string& name) { return readWhole(std::string(KELO_TEST_DATA_DIR) + "/" + name); }
 
 TEST(RealRoundTrip, IdentifiersAddressesAndImageBytesSurvive) {
   struct Object {
@@ -35,7 +35,7 @@ TEST(RealRoundTrip, IdentifiersAddressesAndImageBytesSurvive) {
   };
   std::vector<Object> objects = {
       {"main.o", DebugInfoID(1, 1, 0)}, {"util.o", DebugInfoID(1, 0x1234, 1)}, {"extra.o", DebugInfoID(0, 7, 0xFFFF)}};
-  if (fs::exists(std::string(KELO_EXAMPLES_DIR) + "/util32.o")) objects.push_back({"util32.o", DebugInfoID(1, 32, 0)});
+  if (fs::exists(std::string(KELO_TEST_DATA_DIR) + "/util32.o")) objects.push_back({"util32.o", DebugInfoID(1, 32, 0)});
 
   DebugInfoList list;
   for (const Object& o : objects) {

@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "capi/handles.h"
 #include "counting_new.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
@@ -36,8 +37,8 @@ using kelo_debuginfo::DebugInfoList;
 using reliability::Snapshot;
 using reliability::snapshot;
 
-DebugInfoList& listOf(keloDbgList h) { return *reinterpret_cast<DebugInfoList*>(h); }
-keloDbgElf handle(kelo_elf::ELF& image) { return reinterpret_cast<keloDbgElf>(&image); }
+DebugInfoList& listOf(keloDbgList h) { return *kelo_handles::toList(h); }
+keloDbgElf handle(kelo_elf::ELF& image) { return kelo_handles::toHandle(&image); }
 
 int openFds() {
   int n = 0;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "capi/handles.h"
 #include "counting_new.h"
 #include "file/DebugInfoFile.h"
 #include "kelo/DebugInfoList.h"
@@ -146,7 +147,7 @@ TEST(IoSweep, AWriteThatFailsAfterKBytesFailsForEveryK) {
 TEST(IoSweep, WritingToAFullDeviceFails) {
   keloDbgList list = keloDbgAlloc();
   kelo_elf::ELF image = reliability::makeImage(0);
-  ASSERT_NE(keloDbgAdd(list, reinterpret_cast<keloDbgElf>(&image), 1, 0), nullptr);
+  ASSERT_NE(keloDbgAdd(list, kelo_handles::toHandle(&image), 1, 0), nullptr);
   EXPECT_FALSE(keloDbgWrite(list, "/dev/full"));
   keloDbgList empty = keloDbgAlloc();
   EXPECT_FALSE(keloDbgWrite(empty, "/dev/full")) << "even 20 bytes do not fit";

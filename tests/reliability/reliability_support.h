@@ -75,7 +75,7 @@ inline std::vector<unsigned char> readBytes(const std::string& path) {
 // The example objects, one per index.
 inline kelo_elf::ELF makeImage(int i) {
   static const char* const names[] = {"main.o", "util.o", "extra.o"};
-  const std::vector<unsigned char> bytes = readBytes(std::string(KELO_EXAMPLES_DIR) + "/" + names[i % 3]);
+  const std::vector<unsigned char> bytes = readBytes(std::string(KELO_TEST_DATA_DIR) + "/" + names[i % 3]);
   absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(bytes);
   if (!image) throw std::runtime_error("an example object does not load");
   return std::move(*image);

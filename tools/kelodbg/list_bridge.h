@@ -8,15 +8,11 @@
 #ifndef KELODBG_LIST_BRIDGE_H_
 #define KELODBG_LIST_BRIDGE_H_
 
-#include "kelo/DebugInfoList.h"
-#include "kelo/debuginfo.h"
-#include "kelo/elf.hpp"
+#include "capi/handles.h"
 
 namespace kelodbg {
 
-inline kelo_debuginfo::DebugInfoList& classOf(keloDbgList list) {
-  return *reinterpret_cast<kelo_debuginfo::DebugInfoList*>(list);
-}
+inline kelo_debuginfo::DebugInfoList& classOf(keloDbgList list) { return *kelo_handles::toList(list); }
 
 }  // namespace kelodbg
 

@@ -13,11 +13,7 @@
 #include <stdbool.h>
 #include <stddef.h>
 
-#if defined(KELO_ELF_BUILDING)
-#define KELO_ELF_C_EXPORT __attribute__((visibility("default")))
-#else
-#define KELO_ELF_C_EXPORT
-#endif
+#include "kelo/export.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,19 +25,19 @@ typedef struct keloElf keloElf;
 
 /* Loads an image from `size` bytes at `data`, which are copied. Returns NULL
  * when the bytes do not form a well-formed ELF file or memory runs out. */
-KELO_ELF_C_EXPORT keloElf* keloElfLoad(const void* data, size_t size);
+KELO_EXPORT keloElf* keloElfLoad(const void* data, size_t size);
 
 /* Loads an image from the ELF file at `path`. Returns NULL when the file
  * cannot be read or does not hold a well-formed ELF file. */
-KELO_ELF_C_EXPORT keloElf* keloElfLoadFile(const char* path);
+KELO_EXPORT keloElf* keloElfLoadFile(const char* path);
 
 /* Releases an image made by keloElfLoad or keloElfLoadFile. NULL is allowed.
  * Never pass an image that belongs to a debug-info list. */
-KELO_ELF_C_EXPORT void keloElfFree(keloElf* image);
+KELO_EXPORT void keloElfFree(keloElf* image);
 
 /* True when the image has a section named exactly `name`. False for a NULL
  * image or name. */
-KELO_ELF_C_EXPORT bool keloElfHasSection(const keloElf* image, const char* name);
+KELO_EXPORT bool keloElfHasSection(const keloElf* image, const char* name);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -17,18 +17,13 @@
 
 #include "absl/types/optional.h"
 #include "absl/types/span.h"
-
-#if defined(KELO_ELF_BUILDING)
-#define KELO_ELF_EXPORT __attribute__((visibility("default")))
-#else
-#define KELO_ELF_EXPORT
-#endif
+#include "kelo/export.h"
 
 namespace kelo_elf {
 
 // The identifier under which one piece of debug information is filed: an
 // 8-bit kind and a 32-bit number kept as two 16-bit halves.
-struct KELO_ELF_EXPORT DebugInfoID {
+struct KELO_EXPORT DebugInfoID {
   uint8_t kind = 0;
   uint16_t lo = 0;  // low 16 bits of the number
   uint16_t hi = 0;  // high 16 bits of the number
@@ -88,7 +83,7 @@ struct ELFBytes {
 
 // One ELF image. A default-constructed or moved-from image is empty: it has
 // no sections and saves to zero bytes.
-class KELO_ELF_EXPORT ELF {
+class KELO_EXPORT ELF {
  public:
   ELF() noexcept;
   ELF(ELF&& other) noexcept;
