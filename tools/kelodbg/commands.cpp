@@ -1,311 +1,531 @@
-// The commands of kelodbg.
-//
-// Changes go through the C interface: read the file into a list, change the
-// list, write it to a temporary file that then replaces the original. Every
-// refusal is diagnosed before the list is touched, so the tool can say which
-// identifier or section is at fault. Listings look through the list handle
-// as the C++ class (list_bridge.h) for what the C interface does not show.
 #include "commands.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cstring>
 #include <map>
+#include <memory>
 #include <set>
 
 #include <fmt/format.h>
 
-#include "list_bridge.h"
+#include "check.h"
+#include "debuginfo/renumbering.h"
+#include "file/format.h"
+#include "file/inspect.h"
+#include "files.h"
 #include "text.h"
 #include "tool.h"
 
 namespace kelodbg {
 namespace {
 
-Id idFrom(const std::string& text) {
+using kelo_debuginfo::RelocELF;
+
+Id idFrom(const std::string& text, unsigned defaultKind = 1) {
   Id id;
-  const std::string error = parseId(text, id);
+  const std::string error = parseId(text, static_cast<uint8_t>(defaultKind), id);
   if (!error.empty()) fail(Exit::kUsage, {}, error);
   return id;
 }
 
-// Every identifier of `list`, sorted, through the C iteration.
-std::vector<Id> idsOf(keloDbgList list) {
+unsigned kindFrom(const Request& r) {
+  if (r.kind > 255) fail(Exit::kUsage, {}, fmt::format("--kind {}: kinds are 0 to 255", r.kind));
+  return r.kind;
+}
+
+// Every identifier of `list`, sorted.
+std::vector<Id> idsOf(const List& list) {
   std::vector<Id> ids;
-  keloDbgIterator it = keloDbgIter(list);
-  if (it != nullptr) {
-    do {
-      const keloDbgID id = keloDbgIterID(it);
-      ids.push_back(Id{id.kind, id.id});
-    } while (keloDbgIterNext(it));
-    keloDbgIterFree(it);
-  }
+  ids.reserve(list.entries.size());
+  for (const auto& entry : list.entries) ids.push_back(Id::of(entry.first));
   std::sort(ids.begin(), ids.end());
   return ids;
 }
 
-struct NewEntry {
-  Id id;
-  std::string path;
-};
-
-std::vector<NewEntry> parseEntries(const std::vector<std::string>& args) {
-  std::vector<NewEntry> entries;
-  std::set<Id> seen;
-  for (const std::string& arg : args) {
-    std::string idText, path;
-    std::string error = splitAssignment(arg, "ID=ELF-FILE", idText, path);
-    if (!error.empty()) fail(Exit::kUsage, {}, error);
-    const Id id = idFrom(idText);
-    if (id.kind != 1) fail(Exit::kUsage, {}, fmt::format("'{}': entries are added under kind 1", arg));
-    if (!seen.insert(id).second) fail(Exit::kPresentId, {}, fmt::format("identifier {} is given twice", format(id)));
-    entries.push_back({id, path});
+// " (did you mean 0:0x00000003?)" when an entry of another kind has the
+// same number.
+std::string kindHint(const List& list, const Id& id) {
+  std::vector<std::string> others;
+  for (const Id& other : idsOf(list)) {
+    if (other.number == id.number && other.kind != id.kind) others.push_back(format(other));
   }
-  return entries;
+  if (others.empty()) return {};
+  return fmt::format(" (did you mean {}?)", fmt::join(others, " or "));
 }
 
-// Adds every entry to `list`, which is what `file` holds. Checks every
-// identifier and loads every ELF file before the first one is added.
-void addTo(keloDbgList list, const std::string& file, const std::vector<std::string>& args) {
-  const std::vector<NewEntry> entries = parseEntries(args);
-  std::vector<ElfPtr> images;
-  for (const NewEntry& e : entries) {
-    if (keloDbgFind(list, e.id.c()) != nullptr) {
-      fail(Exit::kPresentId, file, fmt::format("identifier {} is already present", format(e.id)));
-    }
-    images.push_back(loadElf(e.path));
-  }
-  for (size_t i = 0; i < entries.size(); ++i) {
-    const uint32_t number = entries[i].id.number;
-    if (keloDbgAdd(list, images[i].get(), number & 0xFFFF, number >> 16) == nullptr) {
-      fail(Exit::kFailure, entries[i].path, "cannot store the image (out of memory?)");
-    }
-  }
-}
-
-ListPtr newList() {
-  ListPtr list(keloDbgAlloc());
-  if (!list) fail(Exit::kFailure, {}, "out of memory");
-  return list;
-}
-
-// The stored entry under `id`, through the class.
-kelo_debuginfo::RelocELF& entryOf(keloDbgList list, const std::string& file, const Id& id) {
-  auto& entries = classOf(list).entries;
-  // The C conversion: kind 0 or 1, number split into halves.
-  const kelo_elf::DebugInfoID key(static_cast<uint8_t>(id.kind), id.number & 0xFFFF, id.number >> 16);
-  auto found = entries.find(key);
-  if (found == entries.end()) fail(Exit::kAbsentId, file, fmt::format("no entry {}", format(id)));
+RelocELF& entryOf(List& list, const std::string& file, const Id& id) {
+  auto found = list.entries.find(id.key());
+  if (found == list.entries.end())
+    fail(Exit::kAbsentId, file, fmt::format("no entry {}{}", format(id), kindHint(list, id)));
   return found->second;
 }
 
 // An entry's section table, sorted by name.
-std::map<std::string, unsigned> sortedSections(const kelo_debuginfo::RelocELF& entry) {
+std::map<std::string, unsigned> sortedSections(const RelocELF& entry) {
   return {entry.sectionAddrs.begin(), entry.sectionAddrs.end()};
 }
 
-std::string jsonSections(const std::map<std::string, unsigned>& sections) {
-  std::string out = "{";
-  for (const auto& s : sections) {
-    if (out.size() > 1) out += ", ";
-    out += fmt::format("{}: {}", jsonString(s.first), s.second);
+Json idJson(const Id& id) { return Json::object().set("id", format(id)).set("kind", id.kind).set("number", id.number); }
+
+Json sectionsJson(const RelocELF& entry) {
+  Json sections = Json::array();
+  for (const auto& s : sortedSections(entry)) {
+    sections.push(Json::object().set("name", s.first).set("address", s.second));
   }
-  return out + "}";
+  return sections;
 }
 
-std::string jsonEntry(const Id& id, const kelo_debuginfo::RelocELF& entry) {
-  return fmt::format(R"({{"id": {}, "kind": {}, "number": {}, "size": {}, "sections": {}}})", jsonString(format(id)),
-                     id.kind, id.number, entry.elf.size(), jsonSections(sortedSections(entry)));
+// "ID=ELF-FILE" arguments, with identifiers of `kind` unless they name one.
+struct NewEntry {
+  Id id;
+  std::unique_ptr<Input> input;
+};
+
+std::vector<NewEntry> parseEntries(const std::vector<std::string>& args, unsigned kind) {
+  std::vector<NewEntry> entries;
+  std::set<Id> seen;
+  for (const std::string& arg : args) {
+    std::string idText, path;
+    const std::string error = splitAssignment(arg, "ID=ELF-FILE", idText, path);
+    if (!error.empty()) fail(Exit::kUsage, {}, error);
+    const Id id = idFrom(idText, kind);
+    if (!seen.insert(id).second) fail(Exit::kPresentId, {}, fmt::format("identifier {} is given twice", format(id)));
+    entries.push_back({id, nullptr});
+  }
+  // Opened only once every argument has its form.
+  for (size_t i = 0; i < args.size(); ++i)
+    entries[i].input = std::make_unique<Input>(args[i].substr(args[i].find('=') + 1));
+  return entries;
+}
+
+void refuseSameFile(const Output& out, const std::vector<NewEntry>& entries, const std::string& file) {
+  const Input target(out.readPath());
+  for (const NewEntry& e : entries) {
+    if (e.input->device() == target.device() && e.input->inode() == target.inode()) {
+      fail(Exit::kUnsafe, file, fmt::format("is also the ELF input of {}; refused", format(e.id)));
+    }
+  }
+}
+
+void addEntries(List& list, const std::string& file, std::vector<NewEntry>& entries) {
+  for (const NewEntry& e : entries) {
+    if (list.find(e.id.key()) != nullptr) {
+      fail(Exit::kPresentId, file, fmt::format("identifier {} is already present", format(e.id)));
+    }
+  }
+  std::vector<kelo_elf::ELF> images;
+  images.reserve(entries.size());
+  for (const NewEntry& e : entries) images.push_back(loadElf(*e.input));
+  for (size_t i = 0; i < entries.size(); ++i) list.add(entries[i].id.key(), std::move(images[i]));
+}
+
+// "SECTION=ADDRESS", split at the last '=': names may hold one, addresses
+// never do.
+std::pair<std::string, uint32_t> parseAddress(const std::string& arg) {
+  const size_t eq = arg.rfind('=');
+  if (eq == std::string::npos || eq == 0 || eq + 1 == arg.size()) {
+    fail(Exit::kUsage, {}, fmt::format("'{}' is not of the form SECTION=ADDRESS", arg));
+  }
+  uint32_t address = 0;
+  const std::string error = parseNumber(arg.substr(eq + 1), address);
+  if (!error.empty()) fail(Exit::kUsage, {}, error);
+  return {arg.substr(0, eq), address};
+}
+
+std::string listJson(const List& list, const std::string& name, const std::string& version) {
+  Json entries = Json::array();
+  for (const Id& id : idsOf(list)) {
+    const RelocELF& entry = list.entries.find(id.key())->second;
+    entries.push(idJson(id).set("size", entry.elf.size()).set("sections", sectionsJson(entry)));
+  }
+  return Json::object().set("file", name).set("version", version).set("entries", std::move(entries)).dump();
+}
+
+std::string versionOf(const Input& input) {
+  uint32_t major = 0, minor = 0, patch = 0;
+  keloDbgFileVersion(input.path().c_str(), &major, &minor, &patch);
+  return fmt::format("{}.{}.{}", major, minor, patch);
+}
+
+// The bytes an entry's image was loaded from.
+kelo_elf::ELFBytes bytesOf(kelo_elf::ELF& image, const std::string& file, const Id& id) {
+  absl::optional<kelo_elf::ELFBytes> bytes = image.save();
+  if (!bytes) fail(Exit::kNoMemory, file, fmt::format("out of memory saving the image of {}", format(id)));
+  return std::move(*bytes);
 }
 
 }  // namespace
 
-void createFile(const std::string& file, const std::vector<std::string>& entries) {
+void createCommand(const Request& r) {
+  std::vector<NewEntry> entries = parseEntries(r.args, kindFrom(r));
+  std::vector<const Input*> inputs;
+  for (const NewEntry& e : entries) inputs.push_back(e.input.get());
+  Output out = Output::result(r.file, inputs, r.wait);
   ListPtr list = newList();
-  addTo(list.get(), file, entries);
-  writeDebugInfo(list.get(), file);
+  addEntries(*list, r.file, entries);
+  out.writeList(list);
 }
 
-void addEntries(const std::string& file, const std::vector<std::string>& entries) {
-  ListPtr list = readDebugInfo(file);
-  addTo(list.get(), file, entries);
-  writeDebugInfo(list.get(), file);
+void addCommand(const Request& r) {
+  std::vector<NewEntry> entries = parseEntries(r.args, kindFrom(r));
+  Output out = Output::change(r.file, r.wait);
+  refuseSameFile(out, entries, r.file);
+  ListPtr list = readList(out.readPath(), r.file);
+  addEntries(*list, r.file, entries);
+  out.writeList(list);
 }
 
-void setAddress(const std::string& file, const std::string& idText, const std::string& section,
-                const std::string& addrText) {
-  const Id id = idFrom(idText);
-  uint32_t addr = 0;
-  const std::string error = parseNumber(addrText, addr);
-  if (!error.empty()) fail(Exit::kUsage, {}, error);
+void removeCommand(const Request& r) {
+  std::vector<Id> ids;
+  for (const std::string& arg : r.args) ids.push_back(idFrom(arg));
+  Output out = Output::change(r.file, r.wait);
+  ListPtr list = readList(out.readPath(), r.file);
+  for (const Id& id : ids) entryOf(*list, r.file, id);  // all or nothing
+  for (const Id& id : ids) list->entries.erase(id.key());
+  out.writeList(list);
+}
 
-  ListPtr list = readDebugInfo(file);
-  keloDbgElf image = keloDbgFind(list.get(), id.c());
-  if (image == nullptr) fail(Exit::kAbsentId, file, fmt::format("no entry {}", format(id)));
-  // The names the library accepts: the image's own, and two that no image has.
-  if (!keloElfHasSection(image, section.c_str()) && section != ".constant" && section != ".local") {
-    fail(Exit::kNoSection, file,
-         fmt::format("entry {} has no section '{}' (addresses go to the image's sections, .constant and .local)",
-                     format(id), printable(section)));
+void setAddrCommand(const Request& r) {
+  const Id id = idFrom(r.second);
+  std::vector<std::pair<std::string, uint32_t>> pairs;
+  if (r.args.size() == 2 && r.args[0].find('=') == std::string::npos) {
+    // The one-pair form: SECTION ADDRESS.
+    uint32_t address = 0;
+    const std::string error = parseNumber(r.args[1], address);
+    if (!error.empty()) fail(Exit::kUsage, {}, error);
+    pairs.emplace_back(r.args[0], address);
+  } else {
+    for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
   }
-  keloDbgSetSectionAddr(list.get(), id.c(), section.c_str(), addr);
-  writeDebugInfo(list.get(), file);
+  Output out = Output::change(r.file, r.wait);
+  ListPtr list = readList(out.readPath(), r.file);
+  RelocELF& entry = entryOf(*list, r.file, id);
+  for (const auto& p : pairs) {
+    if (!entry.elf.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
+      fail(Exit::kNoSection, r.file,
+           fmt::format("entry {} has no section {} (addresses go to the image's sections, .constant and .local)",
+                       format(id), quoted(p.first)));
+    }
+  }
+  for (const auto& p : pairs) list->setSectionAddr(id.key(), p.first, p.second);
+  out.writeList(list);
 }
 
-void renumber(const std::string& file, const std::vector<std::string>& pairs) {
-  std::vector<keloDbgNewID> records;
-  std::vector<std::pair<Id, Id>> moves;
-  for (const std::string& arg : pairs) {
+void unsetAddrCommand(const Request& r) {
+  const Id id = idFrom(r.second);
+  Output out = Output::change(r.file, r.wait);
+  ListPtr list = readList(out.readPath(), r.file);
+  RelocELF& entry = entryOf(*list, r.file, id);
+  for (const std::string& name : r.args) {
+    if (entry.sectionAddrs.count(name) == 0) {
+      fail(Exit::kNoSection, r.file, fmt::format("entry {} has no address for section {}", format(id), quoted(name)));
+    }
+  }
+  for (const std::string& name : r.args) entry.sectionAddrs.erase(name);
+  out.writeList(list);
+}
+
+void renumberCommand(const Request& r) {
+  std::vector<kelo_debuginfo::DebugInfoNewID> pairs;
+  for (const std::string& arg : r.args) {
     std::string oldText, newText;
     const std::string error = splitAssignment(arg, "OLD=NEW", oldText, newText);
     if (!error.empty()) fail(Exit::kUsage, {}, error);
-    const Id from = idFrom(oldText), to = idFrom(newText);
-    moves.emplace_back(from, to);
-    records.push_back(keloDbgNewID{from.c(), to.c()});
+    pairs.push_back({idFrom(oldText).key(), idFrom(newText).key()});
   }
-
-  ListPtr list = readDebugInfo(file);
-
-  // The library refuses without saying why; find the reason first, in the
-  // order in which it checks.
-  const std::vector<Id> held = idsOf(list.get());
-  std::set<Id> olds, news;
-  for (const auto& m : moves) {
-    if (!olds.insert(m.first).second) {
-      fail(Exit::kRefused, file, fmt::format("identifier {} is renumbered twice", format(m.first)));
+  Output out = Output::change(r.file, r.wait);
+  ListPtr list = readList(out.readPath(), r.file);
+  if (!list->update(pairs)) {
+    using kelo_debuginfo::RenumberRefusal;
+    const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::diagnoseRenumbering(list->entries, pairs);
+    const std::string id = format(Id::of(why.id));
+    switch (why.reason) {
+      case RenumberRefusal::kRepeatedOld:
+        fail(Exit::kRefused, r.file, fmt::format("identifier {} is renumbered twice", id));
+      case RenumberRefusal::kAbsentOld:
+        fail(Exit::kAbsentId, r.file, fmt::format("no entry {}{}", id, kindHint(*list, Id::of(why.id))));
+      case RenumberRefusal::kRepeatedNew:
+        fail(Exit::kRefused, r.file, fmt::format("two entries would be renumbered to {}", id));
+      case RenumberRefusal::kTakenNew:
+        fail(Exit::kRefused, r.file, fmt::format("{} is held by an entry that keeps its identifier", id));
+      case RenumberRefusal::kNone:
+        break;
     }
-    if (!std::binary_search(held.begin(), held.end(), m.first)) {
-      fail(Exit::kAbsentId, file, fmt::format("no entry {}", format(m.first)));
-    }
+    fail(Exit::kRefused, r.file, "renumbering refused");
   }
-  for (const auto& m : moves) {
-    if (!news.insert(m.second).second) {
-      fail(Exit::kRefused, file, fmt::format("two entries would be renumbered to {}", format(m.second)));
-    }
-    if (std::binary_search(held.begin(), held.end(), m.second) && olds.count(m.second) == 0) {
-      fail(Exit::kRefused, file,
-           fmt::format("cannot renumber {} to {}: an entry that keeps its identifier holds it", format(m.first),
-                       format(m.second)));
-    }
-  }
-  if (!keloDbgUpdate(list.get(), records.data(), static_cast<uint32_t>(records.size()))) {
-    fail(Exit::kRefused, file, "renumbering refused");
-  }
-  writeDebugInfo(list.get(), file);
+  out.writeList(list);
 }
 
-void merge(const std::string& out, const std::vector<std::string>& inputs) {
-  std::vector<ListPtr> lists;
-  std::map<Id, std::string> owner;
-  std::vector<std::string> collisions;
-  for (const std::string& input : inputs) {
-    lists.push_back(readDebugInfo(input));
-    for (const Id& id : idsOf(lists.back().get())) {
-      auto inserted = owner.emplace(id, input);
-      if (!inserted.second) {
-        collisions.push_back(
-            fmt::format("identifier {} is in both {} and {}", format(id), inserted.first->second, input));
+void mergeCommand(const Request& r) {
+  std::vector<std::unique_ptr<Input>> inputs;
+  std::vector<const Input*> views;
+  for (const std::string& name : r.args) {
+    inputs.push_back(std::make_unique<Input>(name));
+    views.push_back(inputs.back().get());
+  }
+  const bool into = !r.into.empty();
+  Output out = into ? Output::change(r.into, r.wait) : Output::result(r.file, views, r.wait);
+  ListPtr all = into ? readList(out.readPath(), r.into) : newList();
+  if (into) {
+    const Input target(out.readPath());
+    for (const Input* input : views) {
+      if (input->device() == target.device() && input->inode() == target.inode()) {
+        fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
       }
     }
   }
-  if (!collisions.empty()) {
-    for (size_t i = 0; i + 1 < collisions.size(); ++i) fmt::print(stderr, "kelodbg: {}\n", collisions[i]);
-    fail(Exit::kRefused, {}, collisions.back());
+  // Which file holds each identifier, so that a collision names both.
+  std::map<Id, std::string> owner;
+  for (const Id& id : idsOf(*all)) owner.emplace(id, r.into);
+  std::vector<ListPtr> lists;
+  for (const auto& input : inputs) {
+    lists.push_back(readList(*input));
+    for (const Id& id : idsOf(*lists.back())) {
+      auto inserted = owner.emplace(id, input->name());
+      if (!inserted.second) {
+        fail(Exit::kRefused, {},
+             fmt::format("identifier {} is in both {} and {}", format(id), inserted.first->second, input->name()));
+      }
+    }
   }
-  ListPtr all = newList();
   for (ListPtr& list : lists) {
-    if (!keloDbgMerge(all.get(), list.get())) fail(Exit::kRefused, {}, "merge refused");
+    if (!all->merge(*list)) fail(Exit::kRefused, {}, "merge refused");
   }
-  writeDebugInfo(all.get(), out);
+  out.writeList(all);
 }
 
-void list(const std::string& file, bool json) {
-  const FileVersion v = readVersion(file);
-  ListPtr list = readDebugInfo(file);
-  const std::vector<Id> ids = idsOf(list.get());
-
-  if (json) {
-    fmt::print("{{\n  \"file\": {},\n  \"version\": \"{}.{}.{}\",\n  \"entries\": [", jsonString(file), v.major,
-               v.minor, v.patch);
-    for (size_t i = 0; i < ids.size(); ++i) {
-      fmt::print("{}\n    {}", i == 0 ? "" : ",", jsonEntry(ids[i], entryOf(list.get(), file, ids[i])));
-    }
-    fmt::print("{}]\n}}\n", ids.empty() ? "" : "\n  ");
-    return;
-  }
-
+void listCommand(const Request& r) {
+  const Input input(r.file);
+  ListPtr list = readList(input);
+  if (r.json) return print(listJson(*list, input.name(), versionOf(input)));
+  const std::vector<Id> ids = idsOf(*list);
   size_t sizeWidth = 4;  // "SIZE"
-  for (const Id& id : ids) {
-    sizeWidth = std::max(sizeWidth, fmt::formatted_size("{}", entryOf(list.get(), file, id).elf.size()));
+  for (const auto& entry : list->entries) {
+    sizeWidth = std::max(sizeWidth, fmt::formatted_size("{}", entry.second.elf.size()));
   }
-  fmt::print("KIND  NUMBER      {:>{}}  SECTIONS\n", "SIZE", sizeWidth);
+  print(fmt::format("KIND  NUMBER      {:>{}}  SECTIONS\n", "SIZE", sizeWidth));
   for (const Id& id : ids) {
-    const kelo_debuginfo::RelocELF& entry = entryOf(list.get(), file, id);
+    const RelocELF& entry = list->entries.find(id.key())->second;
     std::string sections;
     for (const auto& s : sortedSections(entry)) {
       sections += fmt::format("{}{}=0x{:08x}", sections.empty() ? "" : " ", printable(s.first), s.second);
     }
-    fmt::print("{:>4}  0x{:08x}  {:>{}}  {}\n", id.kind, id.number, entry.elf.size(), sizeWidth,
-               sections.empty() ? "-" : sections);
+    print(fmt::format("{:>4}  0x{:08x}  {:>{}}  {}\n", id.kind, id.number, entry.elf.size(), sizeWidth,
+                      sections.empty() ? "-" : sections));
   }
 }
 
-void show(const std::string& file, const std::string& idText, bool json) {
-  const Id id = idFrom(idText);
-  ListPtr list = readDebugInfo(file);
-  const kelo_debuginfo::RelocELF& entry = entryOf(list.get(), file, id);
+void showCommand(const Request& r) {
+  const Input input(r.file);
+  const Id id = idFrom(r.second);
+  ListPtr list = readList(input);
+  const RelocELF& entry = entryOf(*list, input.name(), id);
   const std::vector<std::string> names = entry.elf.sectionNames();
   const std::map<std::string, unsigned> recorded = sortedSections(entry);
+  const auto inImage = [&names](const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+  };
 
-  if (json) {
-    std::string imageSections;
-    for (const std::string& name : names) imageSections += (imageSections.empty() ? "" : ", ") + jsonString(name);
-    fmt::print(
-        "{{\"id\": {}, \"kind\": {}, \"number\": {}, \"size\": {}, \"image_sections\": [{}], \"sections\": {}}}\n",
-        jsonString(format(id)), id.kind, id.number, entry.elf.size(), imageSections, jsonSections(recorded));
-    return;
+  if (r.json) {
+    Json imageSections = Json::array();
+    for (const std::string& name : names) imageSections.push(name);
+    Json sections = Json::array();
+    for (const auto& s : recorded) {
+      sections.push(Json::object().set("name", s.first).set("address", s.second).set("in_image", inImage(s.first)));
+    }
+    return print(idJson(id)
+                     .set("file", input.name())
+                     .set("size", entry.elf.size())
+                     .set("image_sections", std::move(imageSections))
+                     .set("sections", std::move(sections))
+                     .dump());
   }
 
   size_t width = 7;  // "SECTION"
   for (const std::string& name : names) width = std::max(width, printable(name).size());
   for (const auto& s : recorded) width = std::max(width, printable(s.first).size());
-
-  fmt::print("identifier  {}\nimage size  {} bytes\nsections    {} in the image, {} with an address\n\n", format(id),
-             entry.elf.size(), names.size(), recorded.size());
-  fmt::print("{:<{}}  ADDRESS\n", "SECTION", width);
+  print(fmt::format("identifier  {}\nimage size  {} bytes\nsections    {} in the image, {} with an address\n",
+                    format(id), entry.elf.size(), names.size(), recorded.size()));
+  if (names.empty()) print("            (the image has no section table)\n");
+  print(fmt::format("\n{:<{}}  ADDRESS\n", "SECTION", width));
   for (const std::string& name : names) {
     auto found = recorded.find(name);
-    fmt::print("{:<{}}  {}\n", printable(name), width,
-               found == recorded.end() ? std::string("-") : fmt::format("0x{:08x}", found->second));
+    print(fmt::format("{:<{}}  {}\n", printable(name), width,
+                      found == recorded.end() ? std::string("-") : fmt::format("0x{:08x}", found->second)));
   }
   for (const auto& s : recorded) {
-    if (std::find(names.begin(), names.end(), s.first) == names.end()) {
-      fmt::print("{:<{}}  0x{:08x}  (not an image section)\n", printable(s.first), width, s.second);
+    if (!inImage(s.first))
+      print(fmt::format("{:<{}}  0x{:08x}  (not an image section)\n", printable(s.first), width, s.second));
+  }
+}
+
+void extractCommand(const Request& r) {
+  const Input input(r.file);
+  const Id id = idFrom(r.second);
+  Output out = Output::result(r.output, {&input}, r.wait);
+  ListPtr list = readList(input);
+  RelocELF& entry = entryOf(*list, input.name(), id);
+  const kelo_elf::ELFBytes bytes = bytesOf(entry.elf, input.name(), id);
+  out.writeBytes(bytes.data, bytes.size);
+}
+
+int diffCommand(const Request& r) {
+  const Input a(r.file), b(r.second);
+  ListPtr listA = readList(a), listB = readList(b);
+  std::vector<Id> onlyA, onlyB;
+  Json changed = Json::array();
+  std::vector<std::string> lines;
+  for (const Id& id : idsOf(*listA)) {
+    auto other = listB->entries.find(id.key());
+    if (other == listB->entries.end()) {
+      onlyA.push_back(id);
+      continue;
+    }
+    RelocELF& ea = listA->entries.find(id.key())->second;
+    RelocELF& eb = other->second;
+    const kelo_elf::ELFBytes ba = bytesOf(ea.elf, a.name(), id), bb = bytesOf(eb.elf, b.name(), id);
+    const bool imageChanged = ba.size != bb.size || (ba.size != 0 && std::memcmp(ba.data, bb.data, ba.size) != 0);
+    const std::map<std::string, unsigned> sa = sortedSections(ea), sb = sortedSections(eb);
+    std::set<std::string> names;
+    for (const auto& s : sa) names.insert(s.first);
+    for (const auto& s : sb) names.insert(s.first);
+    Json sections = Json::array();
+    size_t sectionChanges = 0;
+    if (imageChanged) lines.push_back(fmt::format("changed {}: image ({} -> {} bytes)", format(id), ba.size, bb.size));
+    for (const std::string& name : names) {
+      auto fa = sa.find(name), fb = sb.find(name);
+      if (fa != sa.end() && fb != sb.end() && fa->second == fb->second) continue;
+      const auto text = [](auto it, const auto& map) {
+        return it == map.end() ? std::string("-") : fmt::format("0x{:08x}", it->second);
+      };
+      const auto json = [](auto it, const auto& map) { return it == map.end() ? Json() : Json(it->second); };
+      lines.push_back(fmt::format("changed {}: {} {} -> {}", format(id), printable(name), text(fa, sa), text(fb, sb)));
+      sections.push(Json::object().set("name", name).set("a", json(fa, sa)).set("b", json(fb, sb)));
+      ++sectionChanges;
+    }
+    if (imageChanged || sectionChanges != 0) {
+      changed.push(idJson(id).set("image", imageChanged).set("sections", std::move(sections)));
     }
   }
-}
-
-void extract(const std::string& file, const std::string& idText, const std::string& out) {
-  const Id id = idFrom(idText);
-  ListPtr list = readDebugInfo(file);
-  kelo_debuginfo::RelocELF& entry = entryOf(list.get(), file, id);
-  absl::optional<kelo_elf::ELFBytes> bytes = entry.elf.save();
-  if (!bytes) fail(Exit::kFailure, file, fmt::format("cannot save the image of {} (out of memory?)", format(id)));
-  writeBytes(bytes->data, bytes->size, out);
-}
-
-void version(const std::string& file) {
-  const FileVersion v = readVersion(file);
-  fmt::print("{}.{}.{}\n", v.major, v.minor, v.patch);
-}
-
-void check(const std::string& file, bool quiet) {
-  const FileVersion v = readVersion(file);
-  ListPtr list = readDebugInfo(file);
-  if (!quiet) {
-    const size_t count = idsOf(list.get()).size();
-    fmt::print("{}: debug-info file version {}.{}.{}, {} {}\n", file, v.major, v.minor, v.patch, count,
-               count == 1 ? "entry" : "entries");
+  for (const Id& id : idsOf(*listB)) {
+    if (listA->entries.count(id.key()) == 0) onlyB.push_back(id);
   }
+  const bool equal = onlyA.empty() && onlyB.empty() && lines.empty();
+  if (r.json) {
+    Json ja = Json::array(), jb = Json::array();
+    for (const Id& id : onlyA) ja.push(idJson(id));
+    for (const Id& id : onlyB) jb.push(idJson(id));
+    print(Json::object()
+              .set("a", a.name())
+              .set("b", b.name())
+              .set("equal", equal)
+              .set("only_in_a", std::move(ja))
+              .set("only_in_b", std::move(jb))
+              .set("changed", std::move(changed))
+              .dump());
+  } else {
+    for (const Id& id : onlyA) print(fmt::format("only in {}: {}\n", a.name(), format(id)));
+    for (const Id& id : onlyB) print(fmt::format("only in {}: {}\n", b.name(), format(id)));
+    for (const std::string& line : lines) print(line + "\n");
+  }
+  return equal ? 0 : static_cast<int>(Exit::kFailure);
+}
+
+int checkCommand(const Request& r) {
+  const Input input(r.file);
+  Report report;
+  try {
+    report = kelo_debuginfo::file::inspectFile(input.path().c_str());
+  } catch (const std::bad_alloc&) {
+    fail(Exit::kNoMemory, input.name(), "out of memory while checking it");
+  }
+  if (report.fault == kelo_debuginfo::file::Fault::kOpen)
+    fail(Exit::kFileIo, input.name(), std::strerror(report.error));
+  const bool ok = !report.fault;
+  const std::string version =
+      report.major ? fmt::format("{}.{}.{}", *report.major, *report.minor, *report.patch) : std::string();
+  for (const auto& w : report.warnings)
+    complain(fmt::format("kelodbg: {}: warning: {}\n", input.name(), warningMessage(w.first, w.second)));
+  if (report.warningCount > report.warnings.size()) {
+    complain(
+        fmt::format("kelodbg: {}: {} more warnings\n", input.name(), report.warningCount - report.warnings.size()));
+  }
+  if (r.json) {
+    Json doc =
+        Json::object().set("file", input.name()).set("ok", ok).set("version", version.empty() ? Json() : Json(version));
+    doc.set("entries", report.entries).set("entries_read", report.entriesRead);
+    if (ok) {
+      doc.set("error", Json());
+    } else {
+      const auto& f = report.errorFinding;
+      Json error = Json::object()
+                       .set("code", static_cast<int>(faultCode(report)))
+                       .set("reason", faultName(*report.fault))
+                       .set("message", faultMessage(report))
+                       .set("entry", f.place.entry ? Json(*f.place.entry) : Json())
+                       .set("offset", f.place.offset)
+                       .set("field", f.place.field);
+      doc.set("error", std::move(error));
+    }
+    Json warnings = Json::array();
+    for (const auto& w : report.warnings) {
+      const auto& f = w.second;
+      warnings.push(Json::object()
+                        .set("reason", warningName(w.first))
+                        .set("message", warningMessage(w.first, f))
+                        .set("entry", f.place.entry ? Json(*f.place.entry) : Json())
+                        .set("offset", f.place.offset)
+                        .set("field", f.place.field));
+    }
+    doc.set("warnings", std::move(warnings)).set("warning_count", report.warningCount);
+    print(doc.dump());
+  }
+  if (!ok) {
+    if (r.json) return static_cast<int>(faultCode(report));
+    fail(faultCode(report), input.name(), faultMessage(report));
+  }
+  if (!r.json && !r.quiet) {
+    print(fmt::format("{}: debug-info file version {}, {} {}{}\n", input.name(), version, report.entries,
+                      report.entries == 1 ? "entry" : "entries",
+                      report.warningCount == 0
+                          ? ""
+                          : fmt::format(", {} warning{}", report.warningCount, report.warningCount == 1 ? "" : "s")));
+  }
+  return r.strict && report.warningCount != 0 ? static_cast<int>(Exit::kWarnings) : 0;
+}
+
+void versionCommand(const Request& r) {
+  if (r.file.empty()) {
+    uint32_t major = 0, minor = 0, patch = 0;
+    const char* build = "";
+    keloDbgVersion(&major, &minor, &patch, &build);
+    const std::string library = fmt::format("{}.{}.{}", major, minor, patch);
+    if (r.json) {
+      return print(Json::object().set("kelodbg", KELODBG_VERSION).set("library", library).set("build", build).dump());
+    }
+    return print(fmt::format("kelodbg {} (debug-info library {}, build {})\n", KELODBG_VERSION, library, build));
+  }
+  const Input input(r.file);
+  uint32_t major = 0, minor = 0, patch = 0;
+  if (!keloDbgFileVersion(input.path().c_str(), &major, &minor, &patch)) {
+    Report report = kelo_debuginfo::file::inspectFile(input.path().c_str());
+    if (report.fault == kelo_debuginfo::file::Fault::kOpen)
+      fail(Exit::kFileIo, input.name(), std::strerror(report.error));
+    fail(report.fault ? faultCode(report) : Exit::kFailure, input.name(),
+         report.fault ? faultMessage(report) : "cannot read the version");
+  }
+  const bool readable = kelo_debuginfo::format::isReadableVersion(major, minor);
+  if (r.json) {
+    return print(Json::object()
+                     .set("file", input.name())
+                     .set("version", fmt::format("{}.{}.{}", major, minor, patch))
+                     .set("major", major)
+                     .set("minor", minor)
+                     .set("patch", patch)
+                     .set("readable", readable)
+                     .dump());
+  }
+  print(fmt::format("{}.{}.{}\n", major, minor, patch));
 }
 
 }  // namespace kelodbg

@@ -1,5 +1,7 @@
-// kelodbg's commands. Arguments arrive checked for form by the command line
-// parser; each command checks them against the files and throws Failure.
+// kelodbg's commands. The command line arrives parsed into a Request; each
+// command works through the C++ class on lists read and written by the C
+// calls, and throws Failure with the reason when it cannot do its work.
+// Nothing is written before every refusal has been checked.
 #ifndef KELODBG_COMMANDS_H_
 #define KELODBG_COMMANDS_H_
 
@@ -8,18 +10,34 @@
 
 namespace kelodbg {
 
-// `entries` are "ID=ELF-FILE" arguments.
-void createFile(const std::string& file, const std::vector<std::string>& entries);
-void addEntries(const std::string& file, const std::vector<std::string>& entries);
-void setAddress(const std::string& file, const std::string& id, const std::string& section, const std::string& addr);
-// `pairs` are "OLD=NEW" arguments.
-void renumber(const std::string& file, const std::vector<std::string>& pairs);
-void merge(const std::string& out, const std::vector<std::string>& inputs);
-void list(const std::string& file, bool json);
-void show(const std::string& file, const std::string& id, bool json);
-void extract(const std::string& file, const std::string& id, const std::string& out);
-void version(const std::string& file);
-void check(const std::string& file, bool quiet);
+struct Request {
+  std::string file;               // FILE, or A for diff, or OUTPUT for merge
+  std::string second;             // ID (show, extract, set-addr, unset-addr) or B (diff)
+  std::string output;             // -o (extract)
+  std::string into;               // merge --into
+  std::vector<std::string> args;  // the rest of the positional arguments
+  unsigned kind = 1;              // --kind: the kind of identifiers written without one
+  double wait = 10;               // --wait: seconds to wait for a locked file
+  bool json = false;
+  bool quiet = false;
+  bool strict = false;
+};
+
+void createCommand(const Request& r);
+void addCommand(const Request& r);
+void removeCommand(const Request& r);
+void setAddrCommand(const Request& r);
+void unsetAddrCommand(const Request& r);
+void renumberCommand(const Request& r);
+void mergeCommand(const Request& r);
+void listCommand(const Request& r);
+void showCommand(const Request& r);
+void extractCommand(const Request& r);
+// Return the exit code: they tell a result (different files, warnings), not
+// a failure.
+int diffCommand(const Request& r);
+int checkCommand(const Request& r);
+void versionCommand(const Request& r);
 
 }  // namespace kelodbg
 

@@ -1,35 +1,51 @@
-// Identifiers, numbers and the exit-code table.
+// Identifiers, numbers, lists, and the output that never aborts.
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 
 #include <fmt/format.h>
 
+#include "capi/handles.h"
 #include "tool.h"
 
 namespace kelodbg {
+namespace {
 
-const char* exitCodeHelp() {
-  return "Exit codes:\n"
-         "   0  success\n"
-         "   1  other failure (for instance, out of memory)\n"
-         "   2  usage error\n"
-         "   3  a file is missing, unreadable or cannot be written\n"
-         "   4  not a debug-info file (wrong magic)\n"
-         "   5  unsupported debug-info file version\n"
-         "   6  damaged debug-info file\n"
-         "   7  an ELF file does not load\n"
-         "   8  no entry under that identifier\n"
-         "   9  identifier already present\n"
-         "  10  renumbering or merge refused (identifiers would collide)\n"
-         "  11  the entry's image has no section of that name\n";
-}
+bool outputFailed = false;
+
+}  // namespace
 
 void fail(Exit code, std::string file, std::string message) {
   throw Failure{code, std::move(file), std::move(message)};
 }
 
+void complain(const std::string& text) {
+  // Unbuffered and unchecked: there is nowhere left to report a failure.
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(2, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+void print(const std::string& text) {
+  if (!outputFailed && std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) outputFailed = true;
+}
+
+void finishOutput() {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) || outputFailed) {
+    const int err = errno;
+    fail(Exit::kFileIo, "<stdout>", std::string("cannot write: ") + (err != 0 ? std::strerror(err) : "error"));
+  }
+}
+
 std::string format(const Id& id) { return fmt::format("{}:0x{:08x}", id.kind, id.number); }
 
-std::string parseNumber(const std::string& text, uint32_t& out) {
+std::string parseNumber(const std::string& text, uint32_t& out, uint32_t max) {
   const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
   const size_t start = hex ? 2 : 0;
   const unsigned base = hex ? 16 : 10;
@@ -46,20 +62,21 @@ std::string parseNumber(const std::string& text, uint32_t& out) {
       return fmt::format("'{}' is not a number (decimal, or hex with 0x)", text);
     }
     value = value * base + digit;
-    if (value > UINT32_MAX) return fmt::format("'{}' does not fit in 32 bits", text);
+    if (value > max) return fmt::format("'{}' is larger than {}", text, max);
   }
   out = static_cast<uint32_t>(value);
   return {};
 }
 
-std::string parseId(const std::string& text, Id& out) {
-  Id id;
+std::string parseId(const std::string& text, uint8_t defaultKind, Id& out) {
+  Id id{defaultKind, 0};
   std::string number = text;
   const size_t colon = text.find(':');
   if (colon != std::string::npos) {
-    const std::string kind = text.substr(0, colon);
-    if (kind != "0" && kind != "1") return fmt::format("'{}': the kind is 0 or 1", text);
-    id.kind = kind == "0" ? 0 : 1;
+    uint32_t kind = 0;
+    std::string error = parseNumber(text.substr(0, colon), kind, 255);
+    if (!error.empty()) return fmt::format("'{}' is not an identifier: the kind is 0 to 255", text);
+    id.kind = static_cast<uint8_t>(kind);
     number = text.substr(colon + 1);
   }
   std::string error = parseNumber(number, id.number);
@@ -76,6 +93,14 @@ std::string splitAssignment(const std::string& text, const char* form, std::stri
   left = text.substr(0, eq);
   right = text.substr(eq + 1);
   return {};
+}
+
+List& ListPtr::operator*() const { return *kelo_handles::toList(handle_.get()); }
+
+ListPtr newList() {
+  ListPtr list(keloDbgAlloc());
+  if (!list) fail(Exit::kNoMemory, {}, "out of memory");
+  return list;
 }
 
 }  // namespace kelodbg

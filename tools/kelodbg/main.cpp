@@ -1,174 +1,374 @@
 // kelodbg: create, inspect and change debug-info files from the command line.
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <fstream>
+#include <functional>
+#include <iostream>
 #include <new>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "files.h"
 #include "tool.h"
 
 namespace kelodbg {
 namespace {
 
-// Validators: the parser rejects malformed arguments with exit code 2
-// before any file is touched.
-std::string checkId(std::string& text) {
-  Id id;
-  return parseId(text, id);
+constexpr const char* kDescription =
+    "Creates, inspects and changes debug-info files: ELF images filed under identifiers, with the load addresses "
+    "of their sections.";
+
+constexpr const char* kNotes =
+    "Identifiers are KIND:NUMBER or NUMBER (kind 1, or --kind where a command has it); kinds are 0 to 255, numbers "
+    "and addresses decimal or hex with 0x.\n"
+    "An argument @FILE stands for the lines of FILE (@- for standard input), one argument a line; empty lines and "
+    "lines starting with # are skipped.\n"
+    "FILE '-' is standard input (list, show, check, extract, diff, merge, version); '-o -' is standard output.\n"
+    "Changes replace the file atomically and lock it while they run; readers need no lock.\n";
+
+// One subcommand: its parser and what runs it.
+struct Command {
+  CLI::App* app;
+  std::function<int()> run;
+};
+
+std::string exitCodeTable() {
+  std::string out = "Exit codes:\n";
+#define KELODBG_EXIT_ROW(name, value, meaning) out += fmt::format("  {:>2}  {}\n", value, meaning);
+  KELODBG_EXIT_CODES(KELODBG_EXIT_ROW)
+#undef KELODBG_EXIT_ROW
+  return out;
 }
 
-std::string checkNumber(std::string& text) {
-  uint32_t value;
-  return parseNumber(text, value);
-}
+class Cli {
+ public:
+  Cli() : app_(kDescription, "kelodbg") {
+    app_.set_version_flag("--version", [] {
+      uint32_t major = 0, minor = 0, patch = 0;
+      keloDbgVersion(&major, &minor, &patch, nullptr);
+      return fmt::format("kelodbg {} (debug-info library {}.{}.{})", KELODBG_VERSION, major, minor, patch);
+    }());
+    app_.require_subcommand(1);
+    app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
+    define();
+  }
 
-std::string checkEntry(std::string& text) {
-  std::string id, path;
-  std::string error = splitAssignment(text, "ID=ELF-FILE", id, path);
-  return error.empty() ? checkId(id) : error;
-}
+  int run(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) return usage("a command is required");
+    const std::string& first = args[0];
+    if (first[0] != '-' && find(first) == nullptr) return usage(fmt::format("unknown command '{}'", first));
+    expandFileArguments(args);
 
-std::string checkRenumbering(std::string& text) {
-  std::string from, to;
-  std::string error = splitAssignment(text, "OLD=NEW", from, to);
-  if (error.empty()) error = checkId(from);
-  return error.empty() ? checkId(to) : error;
-}
+    std::vector<char*> pointers{argv[0]};
+    for (std::string& a : args) pointers.push_back(&a[0]);
+    try {
+      app_.parse(static_cast<int>(pointers.size()), pointers.data());
+    } catch (const CLI::ParseError& e) {
+      if (e.get_exit_code() == 0) {  // --help, --version
+        app_.exit(e);
+        return 0;
+      }
+      complain(
+          fmt::format("kelodbg: {}\nRun 'kelodbg help' (or 'kelodbg help COMMAND') for more information.\n", e.what()));
+      return static_cast<int>(Exit::kUsage);
+    }
+    for (const Command& c : commands_) {
+      if (c.app->parsed()) return c.run();
+    }
+    return usage("a command is required");
+  }
 
-const CLI::Validator kId(checkId, "", "ID");
-const CLI::Validator kNumber(checkNumber, "", "NUMBER");
-const CLI::Validator kEntry(checkEntry, "", "ID=ELF");
-const CLI::Validator kRenumbering(checkRenumbering, "", "OLD=NEW");
+ private:
+  CLI::App* command(const char* name, const char* description, std::function<int()> run) {
+    CLI::App* sub = app_.add_subcommand(name, description);
+    commands_.push_back({sub, std::move(run)});
+    return sub;
+  }
 
-std::string versionText() {
-  uint32_t major = 0, minor = 0, patch = 0;
-  const char* build = "";
-  keloDbgVersion(&major, &minor, &patch, &build);
-  return fmt::format("kelodbg {} (debug-info library {}.{}.{}, build {})", KELODBG_VERSION, major, minor, patch, build);
-}
+  // A command that returns nothing succeeds when it returns.
+  CLI::App* command(const char* name, const char* description, std::function<void(const Request&)> run) {
+    return command(name, description, [this, run] {
+      run(r_);
+      return 0;
+    });
+  }
 
-const char* const kIdHelp =
-    "Identifiers are KIND:NUMBER or NUMBER (kind 1); kinds are 0 and 1. Numbers are decimal or hex with 0x.\n";
+  CLI::App* find(const std::string& name) {
+    for (const Command& c : commands_) {
+      if (c.app->check_name(name)) return c.app;
+    }
+    return nullptr;
+  }
 
-CLI::App* command(CLI::App& app, const char* name, const char* description) {
-  CLI::App* sub = app.add_subcommand(name, description);
-  sub->footer(std::string(kIdHelp) + "\n" + exitCodeHelp());
-  return sub;
-}
+  void file(CLI::App* sub, const char* what = "The debug-info file") {
+    sub->add_option("file", r_.file, what)->type_name("FILE")->required();
+  }
+  void wait(CLI::App* sub) {
+    sub->add_option("-w,--wait", r_.wait, "Seconds to wait for a file that another change has locked (default 10)")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
+  }
+  void json(CLI::App* sub) { sub->add_flag("--json", r_.json, "Print one JSON document"); }
 
-int run(int argc, char** argv) {
-  CLI::App app(
-      "Creates, inspects and changes debug-info files: ELF images filed under identifiers, with the load "
-      "addresses of their sections.",
-      "kelodbg");
-  app.set_version_flag("--version", versionText());
-  app.require_subcommand(1);
-  app.footer(std::string(kIdHelp) + "\n" + exitCodeHelp());
+  void define() {
+    CLI::App* sub;
+    sub = command("create", "Create FILE (replacing it) with entries from ELF files", createCommand);
+    file(sub, "The debug-info file to create ('-': standard output)");
+    sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE");
+    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+    wait(sub);
 
-  std::string file, out, id, section, addr;
-  std::vector<std::string> args;
-  bool json = false, quiet = false;
+    sub = command("add", "Add entries from ELF files to FILE", addCommand);
+    file(sub);
+    sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE")->required();
+    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+    wait(sub);
 
-  CLI::App* create = command(app, "create", "Create FILE (replacing it) with entries of kind 1 from ELF files");
-  create->add_option("file", file, "The debug-info file to create")->type_name("FILE")->required();
-  create->add_option("entries", args, "ID=ELF-FILE: store the ELF file under kind 1 and ID's number")
-      ->type_name("ID=ELF-FILE")
-      ->check(kEntry);
+    sub = command("remove", "Remove entries from FILE, all or none", removeCommand);
+    file(sub);
+    sub->add_option("ids", r_.args, "The entries to remove; each must exist")->type_name("ID")->required();
+    wait(sub);
 
-  CLI::App* add = command(app, "add", "Add entries of kind 1 from ELF files to FILE");
-  add->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
-  add->add_option("entries", args, "ID=ELF-FILE: store the ELF file under kind 1 and ID's number")
-      ->type_name("ID=ELF-FILE")
-      ->required()
-      ->check(kEntry);
+    sub = command("set-addr", "Record load addresses of sections of one entry", setAddrCommand);
+    file(sub);
+    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    sub->add_option("addresses", r_.args,
+                    "SECTION ADDRESS, or any number of SECTION=ADDRESS; sections of the entry's image, .constant "
+                    "and .local")
+        ->type_name("SECTION=ADDRESS")
+        ->required();
+    wait(sub);
 
-  CLI::App* setAddr = command(app, "set-addr", "Record the load address of a section of one entry");
-  setAddr->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
-  setAddr->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
-  setAddr->add_option("section", section, "A section of the entry's image, .constant or .local")
-      ->type_name("NAME")
-      ->required();
-  setAddr->add_option("address", addr, "The 32-bit load address")->type_name("ADDRESS")->required()->check(kNumber);
+    sub = command("unset-addr", "Forget recorded load addresses of sections of one entry", unsetAddrCommand);
+    file(sub);
+    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    sub->add_option("sections", r_.args, "Sections that have an address")->type_name("SECTION")->required();
+    wait(sub);
 
-  CLI::App* renumberCmd = command(app, "renumber", "Give entries new identifiers, all at once or none");
-  renumberCmd->add_option("file", file, "The debug-info file to change")->type_name("FILE")->required();
-  renumberCmd->add_option("renumberings", args, "OLD=NEW: the entry OLD gets the identifier NEW")
-      ->type_name("OLD=NEW")
-      ->required()
-      ->check(kRenumbering);
+    sub = command("renumber", "Give entries new identifiers, all at once or none (alias: rename)", renumberCommand);
+    sub->alias("rename");
+    file(sub);
+    sub->add_option("renumberings", r_.args, "The entry OLD gets the identifier NEW; exchanges and chains work")
+        ->type_name("OLD=NEW")
+        ->required();
+    wait(sub);
 
-  CLI::App* mergeCmd = command(
-      app, "merge", "Write the entries of all INPUT files to OUTPUT (replacing it); refused on a shared identifier");
-  mergeCmd->add_option("output", out, "The debug-info file to write")->type_name("FILE")->required();
-  mergeCmd->add_option("inputs", args, "The debug-info files to merge")->type_name("FILE")->required();
+    sub = command("merge",
+                  "Write the entries of all INPUT files to OUTPUT, or --into FILE; refused on a shared identifier",
+                  [this] {
+                    if (r_.into.empty()) {
+                      if (r_.args.size() < 2) fail(Exit::kUsage, {}, "merge needs OUTPUT and at least one INPUT");
+                      r_.file = r_.args.front();
+                      r_.args.erase(r_.args.begin());
+                    }
+                    mergeCommand(r_);
+                    return 0;
+                  });
+    sub->add_option("files", r_.args, "OUTPUT ('-': standard output) and the INPUT files ('-': standard input)")
+        ->type_name("[OUTPUT] INPUT")
+        ->required();
+    sub->add_option("--into", r_.into, "Merge the INPUT files into FILE, in place")->type_name("FILE");
+    wait(sub);
 
-  CLI::App* listCmd = command(app, "list", "List the entries of FILE, sorted by identifier");
-  listCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
-  listCmd->add_flag("--json", json, "Print JSON instead of a table");
+    sub = command("list", "List the entries of FILE, sorted by identifier", listCommand);
+    file(sub);
+    json(sub);
 
-  CLI::App* showCmd = command(app, "show", "Show one entry: its image's sections and their addresses");
-  showCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
-  showCmd->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
-  showCmd->add_flag("--json", json, "Print JSON instead of a table");
+    sub = command("show", "Show one entry: its image's sections and their addresses", showCommand);
+    file(sub);
+    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    json(sub);
 
-  CLI::App* extractCmd = command(app, "extract", "Write the ELF file stored under one entry");
-  extractCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
-  extractCmd->add_option("id", id, "The entry's identifier")->type_name("ID")->required()->check(kId);
-  extractCmd->add_option("-o,--output", out, "The ELF file to write (replaced if it exists)")
-      ->type_name("FILE")
-      ->required();
+    sub = command("extract", "Write the ELF file stored under one entry", extractCommand);
+    file(sub);
+    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    sub->add_option("-o,--output", r_.output, "The ELF file to write ('-': standard output)")
+        ->type_name("FILE")
+        ->required();
+    wait(sub);
 
-  CLI::App* versionCmd = command(app, "version", "Print the version in FILE's header");
-  versionCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
+    sub = command("diff", "Compare two debug-info files entry by entry; exit 0 when equal, 1 when not",
+                  [this] { return diffCommand(r_); });
+    sub->add_option("a", r_.file, "The first file")->type_name("A")->required();
+    sub->add_option("b", r_.second, "The second file")->type_name("B")->required();
+    json(sub);
 
-  CLI::App* checkCmd = command(app, "check", "Exit with 0 when FILE reads as a debug-info file");
-  checkCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
-  checkCmd->add_flag("-q,--quiet", quiet, "Print nothing; only the exit code tells");
+    sub = command("check", "Check that FILE reads; say what is wrong and where, and warn of what the reader drops",
+                  [this] { return checkCommand(r_); });
+    file(sub);
+    json(sub);
+    sub->add_flag("-q,--quiet", r_.quiet, "Print nothing on success; the exit code tells");
+    sub->add_flag("--strict", r_.strict, "Warnings make the exit code 15");
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
-    fmt::print(stderr, "kelodbg: {}\nRun 'kelodbg --help' (or 'kelodbg COMMAND --help') for more information.\n",
-               e.what());
+    sub = command("version", "Print the version of kelodbg, or of FILE's format", versionCommand);
+    sub->add_option("file", r_.file, "A debug-info file")->type_name("FILE");
+    json(sub);
+
+    sub = command("help", "Show the help of kelodbg or of one command", [this] { return help(); });
+    sub->add_option("command", helpTopic_, "A command")->type_name("COMMAND");
+    sub->add_flag("--man", helpMan_, "Print a manual page")->group("");
+    sub->add_flag("--bash-completion", helpCompletion_, "Print a bash completion script")->group("");
+  }
+
+  int help() {
+    CLI::App* topic = helpTopic_.empty() ? &app_ : find(helpTopic_);
+    if (topic == nullptr) return usage(fmt::format("unknown command '{}'", helpTopic_));
+    print(helpMan_ ? manPage() : helpCompletion_ ? bashCompletion() : topic->help());
+    return 0;
+  }
+
+  std::string commandList() {
+    std::string out = "Commands:\n";
+    for (const Command& c : commands_) out += fmt::format("  {:<11} {}\n", c.app->get_name(), c.app->get_description());
+    return out;
+  }
+
+  int usage(const std::string& problem) {
+    complain(
+        fmt::format("kelodbg: {}\n\nUsage: kelodbg COMMAND [ARGUMENTS]\n{}\nRun 'kelodbg help COMMAND' for a "
+                    "command's arguments.\n",
+                    problem, commandList()));
     return static_cast<int>(Exit::kUsage);
   }
 
-  if (create->parsed()) createFile(file, args);
-  if (add->parsed()) addEntries(file, args);
-  if (setAddr->parsed()) setAddress(file, id, section, addr);
-  if (renumberCmd->parsed()) renumber(file, args);
-  if (mergeCmd->parsed()) merge(out, args);
-  if (listCmd->parsed()) list(file, json);
-  if (showCmd->parsed()) show(file, id, json);
-  if (extractCmd->parsed()) extract(file, id, out);
-  if (versionCmd->parsed()) version(file);
-  if (checkCmd->parsed()) check(file, quiet);
+  // @FILE arguments become the lines of FILE.
+  void expandFileArguments(std::vector<std::string>& args) {
+    std::vector<std::string> out;
+    for (size_t i = 0; i < args.size(); ++i) {
+      const std::string& a = args[i];
+      if (i == 0 || a.size() < 2 || a[0] != '@') {
+        out.push_back(a);
+        continue;
+      }
+      const std::string name = a.substr(1);
+      std::ifstream file;
+      std::istream* in = &std::cin;
+      if (name != "-") {
+        file.open(name);
+        if (!file) fail(Exit::kFileIo, name, std::strerror(errno));
+        in = &file;
+      }
+      std::string line;
+      while (std::getline(*in, line)) {
+        const size_t start = line.find_first_not_of(" \t\r");
+        if (start == std::string::npos || line[start] == '#') continue;
+        out.push_back(line.substr(start, line.find_last_not_of(" \t\r") + 1 - start));
+      }
+      if (in->bad()) fail(Exit::kFileIo, name, "cannot read");
+    }
+    args = std::move(out);
+  }
 
-  if (std::fflush(stdout) != 0 || std::ferror(stdout)) fail(Exit::kFileIo, "<stdout>", "cannot write");
-  return static_cast<int>(Exit::kOk);
+  std::string manPage() {
+    const auto escape = [](std::string text) {
+      std::string out;
+      for (char c : text) {
+        if (c == '\\')
+          out += "\\e";
+        else if (c == '-')
+          out += "\\-";
+        else
+          out += c;
+      }
+      // A line starting with '.' or '\'' would be a request.
+      std::string lines;
+      size_t start = 0;
+      while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        if (end == std::string::npos) end = out.size();
+        std::string line = out.substr(start, end - start);
+        if (!line.empty() && (line[0] == '.' || line[0] == '\'')) line = "\\&" + line;
+        lines += line + "\n";
+        start = end + 1;
+      }
+      return lines;
+    };
+    std::string out = fmt::format(".TH KELODBG 1 \"\" \"kelodbg {}\" \"User Commands\"\n", KELODBG_VERSION);
+    out += ".SH NAME\nkelodbg \\- " + escape(kDescription);
+    out += ".SH SYNOPSIS\n.B kelodbg\n.I COMMAND\n[\n.I ARGUMENTS\n]\n";
+    out += ".SH DESCRIPTION\n.nf\n" + escape(commandList()) + ".fi\n.PP\n" + escape(kNotes);
+    out += ".SH COMMANDS\n";
+    for (const Command& c : commands_) {
+      out += ".SS " + c.app->get_name() + "\n.nf\n" + escape(c.app->help()) + ".fi\n";
+    }
+    out += ".SH EXIT STATUS\n.nf\n" + escape(exitCodeTable()) + ".fi\n";
+    return out;
+  }
+
+  std::string bashCompletion() {
+    std::string names, cases;
+    for (const Command& c : commands_) {
+      std::string options;
+      for (const CLI::Option* o : c.app->get_options()) {
+        for (const std::string& n : o->get_lnames()) options += " --" + n;
+        for (const std::string& n : o->get_snames()) options += " -" + n;
+      }
+      for (const std::string& alias : c.app->get_aliases()) names += " " + alias;
+      names += " " + c.app->get_name();
+      std::string patterns = c.app->get_name();
+      for (const std::string& alias : c.app->get_aliases()) patterns += "|" + alias;
+      cases += fmt::format("    {}) options=\"{}\" ;;\n", patterns, options.empty() ? "" : options.substr(1));
+    }
+    return fmt::format(
+        "# bash completion for kelodbg (generated by 'kelodbg help --bash-completion')\n"
+        "_kelodbg() {{\n"
+        "  local cur=${{COMP_WORDS[COMP_CWORD]}}\n"
+        "  if [[ $COMP_CWORD -eq 1 ]]; then\n"
+        "    COMPREPLY=($(compgen -W \"{} --help --version\" -- \"$cur\"))\n"
+        "    return\n"
+        "  fi\n"
+        "  local options=\n"
+        "  case ${{COMP_WORDS[1]}} in\n"
+        "{}"
+        "  esac\n"
+        "  if [[ $cur == -* ]]; then\n"
+        "    COMPREPLY=($(compgen -W \"$options\" -- \"$cur\"))\n"
+        "  elif [[ ${{COMP_WORDS[1]}} == help ]]; then\n"
+        "    COMPREPLY=($(compgen -W \"{}\" -- \"$cur\"))\n"
+        "  else\n"
+        "    COMPREPLY=($(compgen -f -- \"$cur\"))\n"
+        "  fi\n"
+        "}}\n"
+        "complete -o filenames -F _kelodbg kelodbg\n",
+        names.substr(1), cases, names.substr(1));
+  }
+
+  CLI::App app_;
+  Request r_;
+  std::vector<Command> commands_;
+  std::string helpTopic_;
+  bool helpMan_ = false;
+  bool helpCompletion_ = false;
+};
+
+int runTool(int argc, char** argv) {
+  setUpSignals();
+  try {
+    Cli cli;
+    const int code = cli.run(argc, argv);
+    finishOutput();
+    return code;
+  } catch (const Failure& f) {
+    std::fflush(stdout);
+    complain(f.file.empty() ? fmt::format("kelodbg: {}\n", f.message)
+                            : fmt::format("kelodbg: {}: {}\n", f.file, f.message));
+    return static_cast<int>(f.code);
+  } catch (const std::bad_alloc&) {
+    complain("kelodbg: out of memory\n");
+    return static_cast<int>(Exit::kNoMemory);
+  } catch (const std::exception& e) {
+    complain(fmt::format("kelodbg: {}\n", e.what()));
+  }
+  return static_cast<int>(Exit::kFailure);
 }
 
 }  // namespace
 }  // namespace kelodbg
 
-int main(int argc, char** argv) {
-  using kelodbg::Exit;
-  try {
-    return kelodbg::run(argc, argv);
-  } catch (const kelodbg::Failure& f) {
-    if (f.file.empty()) {
-      fmt::print(stderr, "kelodbg: {}\n", f.message);
-    } else {
-      fmt::print(stderr, "kelodbg: {}: {}\n", f.file, f.message);
-    }
-    return static_cast<int>(f.code);
-  } catch (const std::bad_alloc&) {
-    fmt::print(stderr, "kelodbg: out of memory\n");
-  } catch (const std::exception& e) {
-    fmt::print(stderr, "kelodbg: {}\n", e.what());
-  }
-  return static_cast<int>(Exit::kFailure);
-}
+int main(int argc, char** argv) { return kelodbg::runTool(argc, argv); }

@@ -5,8 +5,8 @@
 namespace kelodbg {
 namespace {
 
-// The length of the valid UTF-8 sequence at s[i] (of at least two bytes), or
-// 0 when there is none.
+// The length of the valid UTF-8 sequence of two or more bytes at s[i], or 0
+// when there is none.
 size_t utf8Length(const std::string& s, size_t i) {
   const auto byte = [&s](size_t k) { return static_cast<unsigned char>(s[k]); };
   const unsigned char lead = byte(i);
@@ -48,6 +48,8 @@ std::string printable(const std::string& s) {
   return out;
 }
 
+std::string quoted(const std::string& s) { return "'" + printable(s) + "'"; }
+
 std::string jsonString(const std::string& s) {
   std::string out = "\"";
   for (size_t i = 0; i < s.size();) {
@@ -66,10 +68,78 @@ std::string jsonString(const std::string& s) {
     } else if (const size_t len = utf8Length(s, i)) {
       out.append(s, i, len), i += len;
     } else {
-      out += fmt::format("\\u{:04x}", c), ++i;
+      out += fmt::format("\\udc{:02x}", c), ++i;
     }
   }
   return out + "\"";
+}
+
+Json& Json::set(std::string key, Json value) {
+  members_.emplace_back(std::move(key), std::move(value));
+  return *this;
+}
+
+Json& Json::push(Json value) {
+  members_.emplace_back(std::string(), std::move(value));
+  return *this;
+}
+
+std::string Json::dump() const {
+  std::string out;
+  write(out, 0);
+  return out + "\n";
+}
+
+void Json::write(std::string& out, int depth) const {
+  switch (kind_) {
+    case kNull:
+      out += "null";
+      return;
+    case kBool:
+      out += number_ != 0 ? "true" : "false";
+      return;
+    case kNumber:
+      out += std::to_string(number_);
+      return;
+    case kString:
+      out += jsonString(text_);
+      return;
+    case kArray:
+    case kObject:
+      break;
+  }
+  const char open = kind_ == kArray ? '[' : '{';
+  const char close = kind_ == kArray ? ']' : '}';
+  if (members_.empty()) {
+    out += open;
+    out += close;
+    return;
+  }
+  // Small containers of plain values stay on one line.
+  bool flat = true;
+  for (const auto& m : members_) flat = flat && m.second.kind_ != kArray && m.second.kind_ != kObject;
+  if (flat) {
+    std::string line(1, open);
+    for (size_t i = 0; i < members_.size(); ++i) {
+      if (i != 0) line += ", ";
+      if (kind_ == kObject) line += jsonString(members_[i].first) + ": ";
+      members_[i].second.write(line, depth + 1);
+    }
+    line += close;
+    if (line.size() + 2 * depth <= 100) {
+      out += line;
+      return;
+    }
+  }
+  const std::string indent(2 * (depth + 1), ' ');
+  out += open;
+  for (size_t i = 0; i < members_.size(); ++i) {
+    out += i == 0 ? "\n" : ",\n";
+    out += indent;
+    if (kind_ == kObject) out += jsonString(members_[i].first) + ": ";
+    members_[i].second.write(out, depth + 1);
+  }
+  out += "\n" + std::string(2 * depth, ' ') + close;
 }
 
 }  // namespace kelodbg

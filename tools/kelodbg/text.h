@@ -1,9 +1,12 @@
-// Text for people and for scripts: section names are arbitrary bytes, so
-// both forms escape what would break a table or a JSON document.
+// Text for people and for scripts. Section names are arbitrary bytes, so
+// both forms say exactly which bytes a name holds.
 #ifndef KELODBG_TEXT_H_
 #define KELODBG_TEXT_H_
 
+#include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kelodbg {
 
@@ -11,8 +14,47 @@ namespace kelodbg {
 // as \xNN, so it stays on one line and in its column.
 std::string printable(const std::string& s);
 
-// `s` as a quoted JSON string. Valid UTF-8 passes through; a byte that is
-// not part of a valid UTF-8 sequence is taken as Latin-1 (\u00NN).
+// printable(s) in single quotes.
+std::string quoted(const std::string& s);
+
+// A JSON value, built and then printed as one pretty document (two spaces a
+// level, keys in the order they were set).
+//
+// Strings are byte strings. Valid UTF-8 passes through; every byte that is
+// not part of valid UTF-8 is written as the escape \udcNN (NN its value), a
+// lone surrogate that valid UTF-8 can never produce, so no two byte strings
+// look alike (the convention of Python's "surrogateescape").
+class Json {
+ public:
+  Json() : kind_(kNull) {}
+  Json(bool b) : kind_(kBool), number_(b) {}                    // NOLINT: implicit by design
+  Json(uint64_t n) : kind_(kNumber), number_(n) {}              // NOLINT
+  Json(uint32_t n) : Json(uint64_t{n}) {}                       // NOLINT
+  Json(int n) : Json(static_cast<uint64_t>(n)) {}               // NOLINT
+  Json(std::string s) : kind_(kString), text_(std::move(s)) {}  // NOLINT
+  Json(const char* s) : Json(std::string(s)) {}                 // NOLINT
+
+  static Json object() { return Json(kObject); }
+  static Json array() { return Json(kArray); }
+
+  // Adds a member (objects) or an element (arrays); returns *this.
+  Json& set(std::string key, Json value);
+  Json& push(Json value);
+
+  std::string dump() const;
+
+ private:
+  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject };
+  explicit Json(Kind kind) : kind_(kind) {}
+  void write(std::string& out, int depth) const;
+
+  Kind kind_;
+  uint64_t number_ = 0;
+  std::string text_;
+  std::vector<std::pair<std::string, Json>> members_;  // arrays leave the key empty
+};
+
+// The JSON string of `s` (quoted), as Json writes it.
 std::string jsonString(const std::string& s);
 
 }  // namespace kelodbg

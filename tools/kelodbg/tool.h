@@ -1,41 +1,21 @@
-// kelodbg: shared pieces of the command-line tool.
+// kelodbg: pieces shared by the commands.
 //
 // Every command reports failure by throwing Failure; main() prints it as
-// "kelodbg: <file>: <message>" and exits with its code. The codes are part of
-// the tool's interface (documented in --help and the README), so keep them
-// stable.
+// "kelodbg: <file>: <message>" and exits with its code (exit_codes.h).
 #ifndef KELODBG_TOOL_H_
 #define KELODBG_TOOL_H_
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
+#include "exit_codes.h"
+#include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
-#include "kelo/elf.h"
 
 namespace kelodbg {
-
-enum class Exit : int {
-  kOk = 0,
-  kFailure = 1,       // anything not listed below (for instance, no memory)
-  kUsage = 2,         // bad command line
-  kFileIo = 3,        // a file is missing, unreadable or cannot be written
-  kNotDebugInfo = 4,  // the file does not start with the debug-info magic
-  kVersion = 5,       // the file's version is not one this library reads
-  kDamaged = 6,       // the header is fine, the rest cannot be decoded
-  kBadElf = 7,        // an input ELF file does not load
-  kAbsentId = 8,      // no entry under the identifier
-  kPresentId = 9,     // the identifier is already taken
-  kRefused = 10,      // a renumbering or merge would make identifiers collide
-  kNoSection = 11,    // the entry's image has no section of that name
-};
-
-// The exit-code table, as printed in --help.
-const char* exitCodeHelp();
 
 struct Failure {
   Exit code;
@@ -45,13 +25,27 @@ struct Failure {
 
 [[noreturn]] void fail(Exit code, std::string file, std::string message);
 
+// Writes `text` to standard error, whatever happens: a closed or full
+// standard error never ends the program or changes its exit code.
+void complain(const std::string& text);
+
+// Writes `text` to standard output. A failure is remembered and reported
+// once, at the end, by finishOutput().
+void print(const std::string& text);
+// Flushes standard output; throws Failure when anything could not be
+// written.
+void finishOutput();
+
 // ---- Identifiers and numbers ----
 
 struct Id {
-  uint32_t kind = 1;
+  uint8_t kind = 1;
   uint32_t number = 0;
 
-  keloDbgID c() const { return keloDbgID{kind, number}; }
+  kelo_elf::DebugInfoID key() const {
+    return kelo_elf::DebugInfoID(kind, static_cast<uint16_t>(number & 0xFFFF), static_cast<uint16_t>(number >> 16));
+  }
+  static Id of(const kelo_elf::DebugInfoID& id) { return Id{id.kind, id.number()}; }
   friend bool operator<(const Id& a, const Id& b) { return a.kind != b.kind ? a.kind < b.kind : a.number < b.number; }
   friend bool operator==(const Id& a, const Id& b) { return a.kind == b.kind && a.number == b.number; }
 };
@@ -59,51 +53,41 @@ struct Id {
 // "1:0x00011234": the form every message and listing uses.
 std::string format(const Id& id);
 
-// A 32-bit unsigned number in decimal or 0x hex. Empty string on success,
+// A number of at most `max` in decimal or 0x hex. Empty string on success,
 // else what is wrong with `text`.
-std::string parseNumber(const std::string& text, uint32_t& out);
+std::string parseNumber(const std::string& text, uint32_t& out, uint32_t max = UINT32_MAX);
 
-// `kind:number` or `number` (kind 1); kind is 0 or 1.
-std::string parseId(const std::string& text, Id& out);
+// `kind:number` (kind 0 to 255) or `number` (kind `defaultKind`).
+std::string parseId(const std::string& text, uint8_t defaultKind, Id& out);
 
-// `left=right` (described to the user as `form`), split at the first '='; both
+// `left=right` split at the first '=' (described to the user as `form`); both
 // sides non-empty.
 std::string splitAssignment(const std::string& text, const char* form, std::string& left, std::string& right);
 
-// ---- Files ----
+// ---- Lists ----
+
+using List = kelo_debuginfo::DebugInfoList;
 
 struct ListDeleter {
   void operator()(keloDbgList list) const { keloDbgFree(list); }
 };
-using ListPtr = std::unique_ptr<std::remove_pointer_t<keloDbgList>, ListDeleter>;
+// A list made by the C interface (keloDbgAlloc, keloDbgRead), used through
+// the C++ class.
+class ListPtr {
+ public:
+  ListPtr() = default;
+  explicit ListPtr(keloDbgList handle) : handle_(handle) {}
+  explicit operator bool() const { return handle_ != nullptr; }
+  keloDbgList handle() const { return handle_.get(); }
+  List& operator*() const;
+  List* operator->() const { return &**this; }
 
-struct ElfDeleter {
-  void operator()(keloElf* image) const { keloElfFree(image); }
+ private:
+  std::unique_ptr<std::remove_pointer_t<keloDbgList>, ListDeleter> handle_;
 };
-using ElfPtr = std::unique_ptr<keloElf, ElfDeleter>;
 
-// Reads a debug-info file, telling apart why it cannot be read: missing or
-// unreadable, wrong magic, unsupported version, damaged body.
-ListPtr readDebugInfo(const std::string& path);
-
-// The version bytes of a debug-info file (magic checked, version not judged).
-struct FileVersion {
-  uint32_t major, minor, patch;
-};
-FileVersion readVersion(const std::string& path);
-
-// Writes `list` to `path` without ever leaving a half-written file there:
-// the list goes to a temporary file in the same directory, which then
-// replaces `path`. On failure the temporary file is removed and `path` is
-// as it was.
-void writeDebugInfo(keloDbgList list, const std::string& path);
-
-// Writes `bytes` to `path` the same way.
-void writeBytes(const unsigned char* data, size_t size, const std::string& path);
-
-// Loads the ELF file at `path`, telling a missing file from one that is not
-// an ELF file the image library can load.
-ElfPtr loadElf(const std::string& path);
+// A new empty list.
+ListPtr newList();
 
 }  // namespace kelodbg
 

@@ -1,0 +1,229 @@
+#include "file/inspect.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "absl/types/span.h"
+#include "file/DebugInfoFile.h"
+#include "file/format.h"
+#include "serialize/orvel/serialize/binary.h"
+
+namespace kelo_debuginfo {
+namespace file {
+namespace {
+
+using orvel_lib::io::File;
+using Decoder = orvel_lib::serialize::binary::Decoder<File>;
+
+// One identifier as it occurred, for finding repeats once the walk is done.
+struct Occurrence {
+  uint64_t key;  // kind, hi, lo packed
+  uint64_t entry;
+  uint64_t offset;
+};
+
+uint64_t keyOf(const kelo_elf::DebugInfoID& id) { return (uint64_t{id.kind} << 32) | id.number(); }
+
+kelo_elf::DebugInfoID idOf(uint64_t key) {
+  return kelo_elf::DebugInfoID(static_cast<uint8_t>(key >> 32), static_cast<uint16_t>(key & 0xFFFF),
+                               static_cast<uint16_t>((key >> 16) & 0xFFFF));
+}
+
+// Walks a file field by field through the codec's decoder, keeping the byte
+// offset of every field, and records the first fault in the report.
+class Walker {
+ public:
+  Walker(File& file, Report& report) : file_(file), dec_(file), report_(report) {}
+
+  void run() {
+    if (!header() || !count()) return;
+    std::vector<Occurrence> ids;
+    ids.reserve(dec_.backedCount(report_.entries, format::kMinEntrySize));
+    for (uint64_t i = 0; i < report_.entries; ++i) {
+      if (!entry(i, ids)) break;
+      ++report_.entriesRead;
+      report_.bytes = offset_;
+    }
+    if (!report_.fault) trailing();
+    repeatedIds(ids);
+  }
+
+ private:
+  bool header() {
+    unsigned char magic[sizeof format::kMagic];
+    const size_t got = std::fread(magic, 1, sizeof magic, file_.get());
+    if (got < sizeof magic && std::ferror(file_.get())) return fail(Fault::kRead, {{}, 0, "magic"});
+    if (got < sizeof magic || !format::isMagic(magic)) return fail(Fault::kNotDebugInfo, {{}, 0, "magic"});
+    offset_ = sizeof magic;
+    unsigned char version[sizeof format::kVersion];
+    if (std::fread(version, 1, sizeof version, file_.get()) != sizeof version) {
+      return fail(std::ferror(file_.get()) ? Fault::kRead : Fault::kTruncated, {{}, offset_, "version"});
+    }
+    report_.major = version[0];
+    report_.minor = version[1];
+    report_.patch = version[2];
+    if (!format::isReadableVersion(version[0], version[1])) return fail(Fault::kVersion, {{}, offset_, "version"});
+    offset_ += sizeof version;
+    return true;
+  }
+
+  bool count() {
+    uint64_t n;
+    if (!prefix(n, {{}, offset_, "entry count"})) return false;
+    report_.entries = n & 0xFFFFFFFFu;
+    return true;
+  }
+
+  bool entry(uint64_t index, std::vector<Occurrence>& ids) {
+    const uint64_t start = offset_;
+    uint8_t kind;
+    uint16_t lo, hi;
+    if (!read(kind, {index, offset_, "kind"}) || !read(lo, {index, offset_, "identifier"}) ||
+        !read(hi, {index, offset_, "identifier"})) {
+      return false;
+    }
+    id_ = kelo_elf::DebugInfoID(kind, lo, hi);
+    ids.push_back(Occurrence{keyOf(id_), index, start});
+    if (kind > format::kMaxCKind) warn(Warning::kKindAboveC, {index, start, "kind"});
+
+    uint64_t length;
+    if (!prefix(length, {index, offset_, "image length"})) return false;
+    length &= 0xFFFFFFFFu;
+    const Place image{index, offset_, "image"};
+    if (!bytes(length, image)) return false;
+    if (!kelo_elf::ELF::load(absl::MakeConstSpan(scratch_))) return fail(Fault::kBadImage, image, length);
+
+    uint64_t sections;
+    if (!prefix(sections, {index, offset_, "section count"})) return false;
+    sections &= 0xFFFFFFFFu;
+    names_.clear();
+    for (uint64_t s = 0; s < sections; ++s) {
+      const uint64_t recordAt = offset_;
+      uint64_t nameLength;
+      if (!read(nameLength, {index, offset_, "section name length"})) return false;
+      if ((nameLength >> 32) != 0) return fail(Fault::kTooLong, {index, recordAt, "section name length"}, nameLength);
+      if (!bytes(nameLength, {index, offset_, "section name"})) return false;
+      std::string name(scratch_.begin(), scratch_.end());
+      uint32_t address;
+      if (!read(address, {index, offset_, "section address"})) return false;
+      if (!names_.insert(name).second) {
+        Finding f{{index, recordAt, "section name"}, id_, std::move(name), 0};
+        record(Warning::kDuplicateSection, std::move(f));
+      }
+    }
+    return true;
+  }
+
+  // Bytes after the last entry: counted, never judged.
+  void trailing() {
+    char buffer[4096];
+    uint64_t extra = 0;
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, file_.get())) > 0) extra += got;
+    if (std::ferror(file_.get())) {
+      fail(Fault::kRead, {{}, offset_ + extra, "trailing bytes"});
+    } else if (extra != 0) {
+      Finding f{{{}, offset_, "trailing bytes"}, {}, {}, extra};
+      record(Warning::kTrailingBytes, std::move(f));
+    }
+  }
+
+  void repeatedIds(std::vector<Occurrence>& ids) {
+    std::stable_sort(ids.begin(), ids.end(), [](const Occurrence& a, const Occurrence& b) { return a.key < b.key; });
+    std::vector<std::pair<Warning, Finding>> repeats;
+    for (size_t i = 1; i < ids.size(); ++i) {
+      if (ids[i].key != ids[i - 1].key) continue;
+      report_.warningCount++;
+      repeats.emplace_back(Warning::kDuplicateId,
+                           Finding{{ids[i].entry, ids[i].offset, "identifier"}, idOf(ids[i].key), {}, 0});
+    }
+    // Findings are reported in file order.
+    auto& all = report_.warnings;
+    all.insert(all.end(), repeats.begin(), repeats.end());
+    std::stable_sort(all.begin(), all.end(),
+                     [](const auto& a, const auto& b) { return a.second.place.offset < b.second.place.offset; });
+    if (all.size() > Report::kMaxWarnings) all.resize(Report::kMaxWarnings);
+  }
+
+  template <typename T>
+  bool read(T& out, const Place& place) {
+    auto value = dec_.template readInt<T>();
+    if (!value.isOk()) return fail(Fault::kTruncated, place);
+    out = value.value();
+    offset_ += sizeof(T);
+    return true;
+  }
+
+  // A count or length prefix; the reader ignores its high half.
+  bool prefix(uint64_t& out, const Place& place) {
+    if (!read(out, place)) return false;
+    if ((out >> 32) != 0) {
+      Finding f{place, id_, {}, out};
+      record(Warning::kHighHalf, std::move(f));
+    }
+    return true;
+  }
+
+  bool bytes(uint64_t n, const Place& place) {
+    if (n > scratch_.max_size()) return fail(Fault::kTooLong, place, n);
+    if (!dec_.readBytes(static_cast<size_t>(n), scratch_).isOk()) return fail(Fault::kTruncated, place, n);
+    offset_ += n;
+    return true;
+  }
+
+  void warn(Warning w, const Place& place) { record(w, Finding{place, id_, {}, 0}); }
+
+  void record(Warning w, Finding f) {
+    report_.warningCount++;
+    if (report_.warnings.size() < Report::kMaxWarnings) report_.warnings.emplace_back(w, std::move(f));
+  }
+
+  bool fail(Fault fault, const Place& place, uint64_t detail = 0) {
+    const int err = errno;
+    report_.fault = std::ferror(file_.get()) && fault != Fault::kBadImage ? Fault::kRead : fault;
+    report_.error = report_.fault == Fault::kRead ? err : 0;
+    report_.errorFinding = Finding{place, id_, {}, 0};
+    report_.detail = detail;
+    return false;
+  }
+
+  File& file_;
+  Decoder dec_;
+  Report& report_;
+  uint64_t offset_ = 0;
+  kelo_elf::DebugInfoID id_;
+  std::vector<unsigned char> scratch_;
+  std::unordered_set<std::string> names_;
+};
+
+}  // namespace
+
+Report inspect(File& file) {
+  Report report;
+  report.opened = static_cast<bool>(file);
+  if (!file) return report;
+  Walker(file, report).run();
+  return report;
+}
+
+Report inspectFile(const char* path) {
+  const std::string name = normalizeFileName(path);
+  errno = 0;
+  File file(path != nullptr ? std::fopen(name.c_str(), "rb") : nullptr);
+  if (!file) {
+    Report report;
+    report.fault = Fault::kOpen;
+    report.error = errno;
+    return report;
+  }
+  file.setBuffer(std::size_t{1} << 20);
+  return inspect(file);
+}
+
+}  // namespace file
+}  // namespace kelo_debuginfo
