@@ -54,8 +54,9 @@ class Cli {
       return fmt::format("kelodbg {} (debug-info library {}.{}.{})", KELODBG_VERSION, major, minor, patch);
     }());
     app_.require_subcommand(1);
-    app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
     define();
+    // The exit codes are told once, in the help of kelodbg itself.
+    app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
   }
 
   int run(int argc, char** argv) {
@@ -219,8 +220,14 @@ class Cli {
   int help() {
     CLI::App* topic = helpTopic_.empty() ? &app_ : find(helpTopic_);
     if (topic == nullptr) return usage(fmt::format("unknown command '{}'", helpTopic_));
-    print(helpMan_ ? manPage() : helpCompletion_ ? bashCompletion() : topic->help());
+    print(helpMan_ ? manPage() : helpCompletion_ ? bashCompletion() : helpOf(topic));
     return 0;
+  }
+
+  // The help of kelodbg or of one command, whatever command is running.
+  std::string helpOf(CLI::App* topic) {
+    return app_.get_formatter()->make_help(topic, topic == &app_ ? "kelodbg" : "kelodbg " + topic->get_name(),
+                                           CLI::AppFormatMode::Normal);
   }
 
   std::string commandList() {
@@ -295,7 +302,7 @@ class Cli {
     out += ".SH DESCRIPTION\n.nf\n" + escape(commandList()) + ".fi\n.PP\n" + escape(kNotes);
     out += ".SH COMMANDS\n";
     for (const Command& c : commands_) {
-      out += ".SS " + c.app->get_name() + "\n.nf\n" + escape(c.app->help()) + ".fi\n";
+      out += ".SS " + c.app->get_name() + "\n.nf\n" + escape(helpOf(c.app)) + ".fi\n";
     }
     out += ".SH EXIT STATUS\n.nf\n" + escape(exitCodeTable()) + ".fi\n";
     return out;

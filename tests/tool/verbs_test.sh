@@ -1,0 +1,194 @@
+#!/usr/bin/env bash
+# kelodbg's verbs, one group each: what they do, and a bad input with its
+# exit code and message.
+#
+# Usage: verbs_test.sh KELODBG DATA_DIR GROUP
+kelodbg=$1 data=$2
+source "$(dirname "$0")/lib.sh"
+
+test_create_add() {
+  make_game || fail "building game.kdbg"
+  expect 0 '' -- "$kelodbg" add --kind 3 game.kdbg 5=util.o 0:5=main.o
+  local m u x
+  m=$(size_of main.o) u=$(size_of util.o) x=$(size_of extra.o)
+  local w
+  w=$(printf '%s\n' 4 ${#m} ${#u} ${#x} | sort -n | tail -1)
+  {
+    printf "KIND  NUMBER      %${w}s  SECTIONS\n" SIZE
+    printf "   0  0x00000005  %${w}s  -\n" "$m"
+    printf "   1  0x00000007  %${w}s  .kelo.overlay=0x00000009\n" "$u"
+    printf "   1  0x00000020  %${w}s  -\n" "$x"
+    printf "   1  0x00011234  %${w}s  .constant=0x00002000 .text=0x80001000\n" "$m"
+    printf "   3  0x00000005  %${w}s  -\n" "$u"
+  } >expected.txt
+  "$kelodbg" list game.kdbg >list.txt || fail "list exited with $?"
+  diff -u expected.txt list.txt >&2 || fail "list output"
+
+  expect 0 '' -- "$kelodbg" create empty.kdbg
+  [[ $(size_of empty.kdbg) == 20 ]] || fail "an empty list is 20 bytes"
+  printf '%s\n' '# entries' '8=main.o' '' ' 9=util.o ' >entries.txt
+  expect 0 '' -- "$kelodbg" add empty.kdbg @entries.txt
+  [[ $("$kelodbg" list empty.kdbg | wc -l) == 3 ]] || fail "@FILE gives two entries"
+
+  expect 9 'identifier 1:0x00000007 is already present$' -- "$kelodbg" add game.kdbg 7=main.o
+  expect 9 'identifier 1:0x00000006 is given twice' -- "$kelodbg" add game.kdbg 6=main.o 1:6=util.o
+  printf 'not an ELF file' >text.o
+  expect 7 '^kelodbg: text\.o: not an ELF file that can be loaded$' -- "$kelodbg" add game.kdbg 6=text.o
+  expect 3 '^kelodbg: gone\.o: No such file or directory$' -- "$kelodbg" create new.kdbg 6=gone.o
+  [[ ! -e new.kdbg ]] || fail "a failed create leaves no file"
+  expect 2 "'256:5' is not an identifier" -- "$kelodbg" add game.kdbg 256:5=main.o
+  expect 2 "'5' is not of the form ID=ELF-FILE" -- "$kelodbg" add game.kdbg 5
+}
+
+test_remove() {
+  make_game || fail "building game.kdbg"
+  cp game.kdbg before.kdbg
+  expect 8 '^kelodbg: game\.kdbg: no entry 0:0x00000007 \(did you mean 1:0x00000007\?\)$' -- \
+    "$kelodbg" remove game.kdbg 0x20 0:7
+  same_file game.kdbg before.kdbg "remove is all or nothing"
+  expect 0 '' -- "$kelodbg" remove game.kdbg 0x20 7
+  [[ $("$kelodbg" list game.kdbg | wc -l) == 2 ]] || fail "two entries removed"
+}
+
+test_set_addr() {
+  make_game || fail "building game.kdbg"
+  expect 0 '' -- "$kelodbg" set-addr game.kdbg 7 .text=0x10 .data=0x20 .local=0x30
+  "$kelodbg" list game.kdbg | grep -q '^   1  0x00000007 .* \.data=0x00000020 \.kelo\.overlay=0x00000009 \.local=0x00000030 \.text=0x00000010$' ||
+    fail "three addresses in one call: $("$kelodbg" list game.kdbg)"
+  cp game.kdbg before.kdbg
+  expect 11 "^kelodbg: game\\.kdbg: entry 1:0x00000007 has no section '\\.nope'" -- \
+    "$kelodbg" set-addr game.kdbg 7 .text=1 .nope=2
+  same_file game.kdbg before.kdbg "a refused set-addr"
+  expect 2 "'0x100000000' is larger than 4294967295" -- "$kelodbg" set-addr game.kdbg 7 .text 0x100000000
+
+  expect 0 '' -- "$kelodbg" unset-addr game.kdbg 7 .text .local
+  "$kelodbg" list game.kdbg | grep -q '^   1  0x00000007 .* \.data=0x00000020 \.kelo\.overlay=0x00000009$' ||
+    fail "unset-addr"
+  expect 11 "has no address for section '\\.text'" -- "$kelodbg" unset-addr game.kdbg 7 .text
+}
+
+test_renumber() {
+  make_game || fail "building game.kdbg"
+  cp game.kdbg before.kdbg
+  expect 10 '1:0x00000020 is held by an entry that keeps its identifier' -- "$kelodbg" renumber game.kdbg 7=0x20
+  expect 10 'two entries would be renumbered to 1:0x00000050' -- "$kelodbg" renumber game.kdbg 7=0x50 0x20=0x50
+  expect 10 'identifier 1:0x00000007 is renumbered twice' -- "$kelodbg" renumber game.kdbg 7=0x50 1:7=0x51
+  expect 8 'no entry 1:0x00000099' -- "$kelodbg" renumber game.kdbg 7=8 0x99=9
+  same_file game.kdbg before.kdbg "refused renumberings"
+  # An exchange, and a move to another kind, in one step.
+  expect 0 '' -- "$kelodbg" rename game.kdbg 0x20=0x00011234 0x00011234=0x20 7=200:7
+  "$kelodbg" list game.kdbg | grep -q "^   1  0x00000020  *$(size_of main.o)  \\.constant" || fail "exchange"
+  "$kelodbg" list game.kdbg | grep -q "^ 200  0x00000007 " || fail "renumbered to kind 200"
+}
+
+test_merge() {
+  make_game || fail "building game.kdbg"
+  "$kelodbg" create other.kdbg 0x99=extra.o && "$kelodbg" create third.kdbg 0x100=util.o || fail "create"
+  expect 0 '' -- "$kelodbg" merge all.kdbg game.kdbg other.kdbg
+  [[ $("$kelodbg" list all.kdbg | wc -l) == 5 ]] || fail "merge: 4 entries and a header"
+  expect 0 '' -- "$kelodbg" merge --into other.kdbg third.kdbg
+  [[ $("$kelodbg" list other.kdbg | wc -l) == 3 ]] || fail "merge --into: 2 entries and a header"
+  expect 10 '^kelodbg: identifier 1:0x00000099 is in both other\.kdbg and all\.kdbg$' -- \
+    "$kelodbg" merge --into other.kdbg all.kdbg
+  expect 14 'is also the input game\.kdbg' -- "$kelodbg" merge game.kdbg game.kdbg third.kdbg
+  # Through pipes: standard input in, standard output out.
+  "$kelodbg" merge - - third.kdbg <game.kdbg >piped.kdbg || fail "merge through pipes"
+  [[ $("$kelodbg" list piped.kdbg | wc -l) == 5 ]] || fail "merge through pipes: 4 entries and a header"
+}
+
+test_list_show() {
+  make_game || fail "building game.kdbg"
+  "$kelodbg" show game.kdbg 0x00011234 >show.txt || fail "show exited with $?"
+  grep -Eq '^identifier  1:0x00011234$' show.txt || fail "show: identifier line"
+  grep -Eq "^image size  $(size_of main.o) bytes$" show.txt || fail "show: size line"
+  grep -Eq '^\.text +0x80001000$' show.txt || fail "show: .text address"
+  grep -Eq '^\.constant +0x00002000  \(not an image section\)$' show.txt || fail "show: .constant"
+  expect 8 'no entry 1:0x00000099$' -- "$kelodbg" show game.kdbg 0x99
+  # Standard input.
+  "$kelodbg" list - <game.kdbg | grep -q '^   1  0x00000020 ' || fail "list -"
+}
+
+test_extract() {
+  make_game || fail "building game.kdbg"
+  expect 0 '' -- "$kelodbg" extract game.kdbg 0x00011234 -o main-copy.o
+  same_file main.o main-copy.o "extract"
+  "$kelodbg" extract - 7 -o - <game.kdbg >util-copy.o || fail "extract from and to streams"
+  same_file util.o util-copy.o "extract through streams"
+  expect 8 'no entry' -- "$kelodbg" extract game.kdbg 0x99 -o x.o
+  [[ ! -e x.o ]] || fail "a failed extract writes nothing"
+}
+
+test_diff() {
+  make_game || fail "building game.kdbg"
+  cp game.kdbg copy.kdbg
+  expect 0 '' -- "$kelodbg" diff game.kdbg copy.kdbg
+  "$kelodbg" remove copy.kdbg 0x20 && "$kelodbg" add copy.kdbg 0:7=util.o &&
+    "$kelodbg" set-addr copy.kdbg 7 .kelo.overlay=10 .text=3 || fail "changing copy.kdbg"
+  "$kelodbg" diff game.kdbg copy.kdbg >diff.txt
+  [[ $? == 1 ]] || fail "diff of different files exits with 1"
+  cat >expected.txt <<'EOF'
+only in game.kdbg: 1:0x00000020
+only in copy.kdbg: 0:0x00000007
+changed 1:0x00000007: .kelo.overlay 0x00000009 -> 0x0000000a
+changed 1:0x00000007: .text - -> 0x00000003
+EOF
+  diff -u expected.txt diff.txt >&2 || fail "diff output"
+  "$kelodbg" diff --json game.kdbg copy.kdbg >diff.json
+  grep -q '"equal": false' diff.json || fail "diff --json"
+  expect 4 'not a debug-info file' -- "$kelodbg" diff game.kdbg main.o
+}
+
+test_check_version() {
+  make_game || fail "building game.kdbg"
+  [[ $("$kelodbg" check game.kdbg) == "game.kdbg: debug-info file version 1.1.2, 3 entries" ]] || fail "check output"
+  [[ $("$kelodbg" version game.kdbg) == 1.1.2 ]] || fail "version output"
+  "$kelodbg" version | grep -Eq '^kelodbg 1\.1\.2 \(debug-info library 1\.1\.2' || fail "version of the tool"
+
+  # Errors say where: the field, the entry and the byte offset.
+  head -c 100 game.kdbg >cut.kdbg
+  expect 6 '^kelodbg: cut\.kdbg: damaged debug-info file: it ends inside the image \([0-9]+ bytes\) at entry 0 \(1:0x[0-9a-f]{8}\), offset 33$' -- \
+    "$kelodbg" check cut.kdbg
+  { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le 4 8; printf 'JUNK'; le 0 8; } >junk.kdbg
+  expect 6 'the image at entry 0 \(1:0x00000005\), offset 33 \(4 bytes\) is not an ELF file that loads' -- \
+    "$kelodbg" list junk.kdbg
+  expect 4 '^kelodbg: main\.o: not a debug-info file \(wrong magic\)$' -- "$kelodbg" check main.o
+  { header '\x02\x01\x00\x00'; le 0 8; } >v210.kdbg
+  expect 5 'unsupported version 2\.1\.0' -- "$kelodbg" check v210.kdbg
+  [[ $("$kelodbg" version v210.kdbg) == 2.1.0 ]] || fail "version reports 2.1.0"
+  expect 3 '^kelodbg: missing\.kdbg: No such file or directory$' -- "$kelodbg" list missing.kdbg
+
+  # Warnings: what the reader silently drops or ignores.
+  {
+    header '\x01\x01\x02\x00'
+    le $((1 << 32 | 2)) 8
+    local i
+    for i in 1 2; do
+      le 2 1; le 5 2; le 0 2
+      le "$(size_of util.o)" 8
+      cat util.o
+      le 0 8
+    done
+    printf 'xyz'
+  } >odd.kdbg
+  expect 0 'entry 1, offset [0-9]+: identifier 2:0x00000005 repeats an earlier entry' -- "$kelodbg" check odd.kdbg
+  grep -q 'kind 2, which the C interface cannot reach' err.txt || fail "warning: kind"
+  grep -q '3 bytes after the last entry' err.txt || fail "warning: trailing bytes"
+  grep -q 'entry count 0x0000000100000002 has a non-zero high half' err.txt || fail "warning: high half"
+  expect 15 '' -- "$kelodbg" check --strict -q odd.kdbg
+  "$kelodbg" check --json odd.kdbg 2>/dev/null | grep -q '"reason": "duplicate-id"' || fail "check --json warnings"
+}
+
+test_help() {
+  expect 2 'a command is required' -- "$kelodbg"
+  grep -q '^  renumber ' err.txt || fail "no command: the command list"
+  expect 2 "unknown command 'frobnicate'" -- "$kelodbg" frobnicate game.kdbg
+  expect 2 'file is required' -- "$kelodbg" list
+  "$kelodbg" help >help.txt || fail "help exited with $?"
+  grep -q '^  14  refused to protect a file' help.txt || fail "help lists the exit codes"
+  "$kelodbg" help set-addr >help.txt || fail "help set-addr exited with $?"
+  grep -q 'SECTION=ADDRESS' help.txt || fail "help set-addr"
+  grep -q 'Exit codes' help.txt && fail "a command's help leaves the exit codes to the top-level help"
+  "$kelodbg" --version | grep -Eq '^kelodbg 1\.1\.2 \(debug-info library 1\.1\.2' || fail "--version"
+}
+
+run_group "$3"
