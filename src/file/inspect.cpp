@@ -170,7 +170,7 @@ class Walker {
   }
 
   bool bytes(uint64_t n, const Place& place) {
-    if (n > scratch_.max_size()) return fail(Fault::kTooLong, place, n);
+    if (n > scratch_.max_size()) return fail(Fault::kTooBig, place, n);
     if (!dec_.readBytes(static_cast<size_t>(n), scratch_).isOk()) return fail(Fault::kTruncated, place, n);
     offset_ += n;
     return true;

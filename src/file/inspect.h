@@ -33,7 +33,8 @@ enum class Fault {
   kNotDebugInfo,  // no debug-info magic at the start
   kVersion,       // a version this library does not read
   kTruncated,     // the file ends inside a field
-  kTooLong,       // a string length of 2^32 or more, or longer than memory can hold
+  kTooLong,       // a section name length of 2^32 or more, which the reader refuses
+  kTooBig,        // a length that this program cannot hold in memory (32-bit builds)
   kBadImage,      // an entry's image bytes do not load as an image
 };
 

@@ -145,4 +145,15 @@ test_resources() {
   no_temporaries "resources"
 }
 
+# 32-bit builds: a sparse file above 2 GiB, whose one image is 3 GiB, is
+# opened and its version read; its body fails clearly.
+test_large() {
+  { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le $((3 << 30)) 8; } >large.kdbg
+  truncate -s $(((3 << 30) + 64)) large.kdbg || fail "making a sparse file"
+  [[ $("$kelodbg" version large.kdbg) == 1.1.2 ]] || fail "version of a file above 2 GiB"
+  expect 12 'the image of 3221225472 bytes at entry 0 \(1:0x00000005\), offset 33 is more than this program can hold' -- \
+    "$kelodbg" check large.kdbg
+  expect 12 'more than this program can hold' -- "$kelodbg" list large.kdbg
+}
+
 run_group "$3"

@@ -30,6 +30,8 @@ Exit faultCode(const Report& report) {
       return Exit::kNotDebugInfo;
     case Fault::kVersion:
       return Exit::kVersion;
+    case Fault::kTooBig:
+      return Exit::kNoMemory;
     case Fault::kTruncated:
     case Fault::kTooLong:
     case Fault::kBadImage:
@@ -56,7 +58,10 @@ std::string faultMessage(const Report& report) {
       }
       return fmt::format("damaged debug-info file: it ends inside the {} at {}", f.place.field, placeText(f));
     case Fault::kTooLong:
-      return fmt::format("damaged debug-info file: a {} of {} at {} is too long to be read", f.place.field,
+      return fmt::format("damaged debug-info file: the {} 0x{:016x} at {} is 2^32 or more", f.place.field,
+                         report.detail, placeText(f));
+    case Fault::kTooBig:
+      return fmt::format("the {} of {} bytes at {} is more than this program can hold in memory", f.place.field,
                          report.detail, placeText(f));
     case Fault::kBadImage:
       return fmt::format("damaged debug-info file: the image at {} ({} bytes) is not an ELF file that loads",
@@ -79,6 +84,8 @@ const char* faultName(Fault fault) {
       return "truncated";
     case Fault::kTooLong:
       return "too-long";
+    case Fault::kTooBig:
+      return "too-big";
     case Fault::kBadImage:
       return "bad-image";
   }
