@@ -51,9 +51,16 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  bool written = keloDbgWrite(list, argv[2]);
+  /* keloDbgWrite truncates the file it writes, so a write that fails half
+   * way leaves a damaged file behind. To replace a file safely, write a new
+   * file beside it and rename that over the old name only once the write
+   * has succeeded. */
+  char temp[4096];
+  snprintf(temp, sizeof temp, "%s.new", argv[2]);
+  bool written = keloDbgWrite(list, temp) && rename(temp, argv[2]) == 0;
   keloDbgFree(list);
   if (!written) {
+    remove(temp);
     fprintf(stderr, "%s: cannot write\n", argv[2]);
     return 1;
   }

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# The README's kelodbg session, run as it stands: each "$ " line is run in
+# order and its output compared with the lines shown under it (numbers of
+# three or more decimal digits, such as sizes, are left out of the
+# comparison). A command may fail only where the README shows its message
+# (diff tells different files by exiting with 1).
+# Then the README's exit-code table is compared with `kelodbg help`.
+#
+# Usage: readme_test.sh KELODBG SOURCE_DIR
+kelodbg=$1 source=$2
+data=$source/examples
+source "$(dirname "$0")/lib.sh"
+cp "$source"/examples/{main,util,extra}.c .
+rm -f ./*.o
+export PATH=$(dirname "$kelodbg"):$PATH
+
+session=$(awk '/^### A session/ { on = 1 } on && /^```console$/ { inside = 1; next } inside && /^```$/ { exit } inside' \
+  "$source/README.md")
+[[ -n $session ]] || fail "no session in the README"
+
+normalize() { sed -E 's/(^|[^0-9a-fA-Fx])[0-9]{3,}/\1N/g'; }
+
+check_command() {
+  local command=$1 expected=$2 actual status
+  actual=$(bash -c "$command" 2>&1)
+  status=$?
+  if [[ $status != 0 && $expected != *"kelodbg: "* && ! ($command == "kelodbg diff "* && $status == 1) ]]; then
+    fail "'$command' exited with $status: $actual"
+  fi
+  if [[ $(normalize <<<"$actual") != "$(normalize <<<"$expected")" ]]; then
+    fail "'$command' printed:"$'\n'"$actual"$'\n'"the README shows:"$'\n'"$expected"
+  fi
+}
+
+command= expected= count=0
+while IFS= read -r line; do
+  if [[ $line == '$ '* ]]; then
+    [[ -n $command ]] && check_command "$command" "$expected"
+    command=${line#\$ } expected= count=$((count + 1))
+  else
+    expected+=${expected:+$'\n'}$line
+  fi
+done <<<"$session"
+[[ -n $command ]] && check_command "$command" "$expected"
+((count > 10)) || fail "only $count commands found in the README's session"
+
+# The exit-code table.
+readme_codes=$(awk '/^### Exit codes/ { on = 1; next } on && /^#/ { exit } on' "$source/README.md" |
+  grep -E '^\| [0-9]+ \| ' | sed -E 's/^\| ([0-9]+) \| (.*) \|$/\1 \2/')
+help_codes=$("$kelodbg" help | awk '/^Exit codes:/ { on = 1; next } on && NF' | sed -E 's/^ +//; s/  +/ /')
+[[ $readme_codes == "$help_codes" ]] || fail "README exit codes differ from kelodbg help:"$'\n'"$(diff <(echo "$readme_codes") <(echo "$help_codes"))"
+
+if ((failures > 0)); then
+  echo "$failures check(s) failed" >&2
+  exit 1
+fi
+echo "README examples passed ($count commands)"
