@@ -3,7 +3,7 @@
 # and runs every test. Exits non-zero when any stage fails.
 #
 # Environment: BUILD_DIR (default build/), JOBS (default 2),
-# SKIP_SETUP=1 to leave the installed packages alone; SKIP_ASAN=1,
+# SKIP_SETUP=1 to leave the installed packages alone; SKIP_FORMAT=1, SKIP_ASAN=1,
 # SKIP_VALGRIND=1, SKIP_I386=1, SKIP_FUZZ=1, SKIP_BENCH=1 to leave out those
 # stages. The extra stages build into $BUILD_DIR-asan, -i386, -fuzz and -bench.
 set -euo pipefail
@@ -14,6 +14,17 @@ jobs=${JOBS:-2}
 
 # shellcheck source=common.sh
 source "$root/scripts/common.sh"
+
+# Every tracked C and C++ file is formatted as .clang-format says.
+stage_format() {
+  [[ ${SKIP_FORMAT:-0} == 1 ]] && return
+  stage "format: clang-format --dry-run"
+  if ! command -v clang-format >/dev/null; then
+    echo "clang-format not installed" >&2
+    return 1
+  fi
+  (cd "$root" && git ls-files -z '*.c' '*.cpp' '*.h' '*.hpp' | xargs -0 clang-format --dry-run --Werror)
+}
 
 stage_build() {
   stage "build: $build"
@@ -126,6 +137,7 @@ timed() {
 
 main() {
   timed stage_setup
+  timed stage_format
   timed stage_build
   timed stage_test
   timed stage_asan
@@ -135,6 +147,8 @@ main() {
   timed stage_bench
   stage "stage times"
   printf '%s\n' "${timings[@]}"
+  stage "lines of code"
+  bash "$root/scripts/loc.sh"
   stage "all tests passed"
 }
 
