@@ -114,7 +114,8 @@ TEST_F(CApi, KindsOtherThanZeroAndOneAreRefusedEverywhere) {
   keloDbgList l = threeEntries();
   listOf(l).entries.emplace(kelo_elf::DebugInfoID(2, 1, 0), kelo_debuginfo::RelocELF(elf_double::image()));
   const Snapshot before = snapshot(l);
-  for (uint32_t kind : {2u, 0xFFFFFFFFu}) {
+  // 0x101 must not pass as kind 1 cut to eight bits.
+  for (uint32_t kind : {2u, 0x101u, 0xFFFFFFFFu}) {
     const keloDbgID bad{kind, 1};
     EXPECT_EQ(keloDbgFind(l, bad), nullptr);
     EXPECT_EQ(keloDbgGetSectionAddr(l, bad, ".constant"), 0u);
