@@ -7,6 +7,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "list_bridge.h"
+#include "symbolize_commands.h"
 #include "tool.h"
 
 namespace kelodbg {
@@ -127,6 +129,21 @@ int run(int argc, char** argv) {
   checkCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
   checkCmd->add_flag("-q,--quiet", quiet, "Print nothing; only the exit code tells");
 
+  Addr2lineOptions a2l;
+  CLI::App* a2lCmd =
+      command(app, "addr2line", "Print function, file and line for addresses, as binutils addr2line does");
+  a2lCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
+  a2lCmd->add_option("address", args, "Hex addresses; one per line from stdin when none")->type_name("ADDRESS");
+  a2lCmd->add_flag("-a,--addresses", a2l.addresses, "Print each address first");
+  a2lCmd->add_flag("-f,--functions", a2l.functions, "Print function names");
+  a2lCmd->add_flag("-i,--inlines", a2l.inlines, "Print the functions an inlined function was inlined into");
+  a2lCmd->add_flag("-p,--pretty-print", a2l.pretty, "One line per address");
+  a2lCmd->add_flag("-s,--basenames", a2l.basenames, "File names without directories");
+  a2lCmd->add_flag("-C,--demangle", a2l.demangle, "Demangle C++ names");
+  CLI::App* mapCmd = command(app, "map", "Print the address map: every placed section, sorted by address");
+  mapCmd->add_option("file", file, "The debug-info file")->type_name("FILE")->required();
+  mapCmd->add_flag("--json", json, "Print JSON instead of a table");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -146,6 +163,8 @@ int run(int argc, char** argv) {
   if (extractCmd->parsed()) extract(file, id, out);
   if (versionCmd->parsed()) version(file);
   if (checkCmd->parsed()) check(file, quiet);
+  if (a2lCmd->parsed()) addr2lineCommand(classOf(readDebugInfo(file).get()), a2l, args, stdin, stdout);
+  if (mapCmd->parsed()) mapCommand(classOf(readDebugInfo(file).get()), json, stdout);
 
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) fail(Exit::kFileIo, "<stdout>", "cannot write");
   return static_cast<int>(Exit::kOk);
