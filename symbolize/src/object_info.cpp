@@ -320,11 +320,13 @@ void ObjectInfo::indexUnit(Unit& unit) {
       }
       unit.nodes.push_back(n);
     } else if (tag == DW_TAG_variable) {
+      // Variables the compiler made up (__func__ and the like) have no
+      // declaration and name nothing.
       Dwarf_Attribute attr;
       Dwarf_Op* ops = nullptr;
       size_t opCount = 0;
       if (dwarf_attr(&die, DW_AT_location, &attr) != nullptr && dwarf_getlocation(&attr, &ops, &opCount) == 0 &&
-          opCount == 1 && ops[0].atom == DW_OP_addr) {
+          opCount == 1 && ops[0].atom == DW_OP_addr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr) {
         variables_.push_back({ops[0].number, variables_.size(), unitIndex, die});
       }
     }
