@@ -8,6 +8,7 @@
 #include <cstring>
 #include <queue>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 namespace kelo_symbolize {
@@ -23,13 +24,24 @@ struct ObjectInfo::Row {
   bool end;  // end of a sequence: no line from here on
 };
 
+// The name binutils gives a function DIE, and whether it is final.
+struct FunctionName {
+  const char* name = nullptr;
+  bool complete = false;  // a linkage name, or a plain name in a language without mangling
+};
+
 // A function DIE (subprogram, inlined subroutine or entry point) of a unit.
+// Its name and call site are read from the DIE on first use.
 struct ObjectInfo::Node {
   Dwarf_Die die;
   int32_t parent;     // the nearest enclosing function DIE, or -1
   uint64_t firstLow;  // start of its first address range
   bool hasLow;
   bool inlined;
+  bool read = false;
+  FunctionName name;
+  const std::string* callFile = nullptr;
+  unsigned callLine = 0, callColumn = 0, callDiscriminator = 0;
 };
 
 // A variable at a fixed address (its location is DW_OP_addr alone).
@@ -58,6 +70,8 @@ struct ObjectInfo::Unit {
     int32_t node;
   };
   std::vector<Piece> pieces;
+  // File names as printed, by libdw's name (whose pointers are stable).
+  std::unordered_map<const char*, std::string> paths;
 };
 
 namespace {
@@ -110,11 +124,6 @@ unsigned udata(Dwarf_Die* die, unsigned name) {
   return static_cast<unsigned>(value);
 }
 
-struct FunctionName {
-  const char* name = nullptr;
-  bool complete = false;  // a linkage name, or a plain name in a language without mangling
-};
-
 // The name binutils gives a function DIE: a linkage name anywhere along its
 // abstract origin and specification, else the first plain name there.
 FunctionName nameOf(Dwarf_Die* die, bool plainComplete) {
@@ -131,11 +140,6 @@ FunctionName nameOf(Dwarf_Die* die, bool plainComplete) {
     result.complete = plainComplete;
   }
   return result;
-}
-
-void setFunction(Frame& frame, const char* name) {
-  frame.function = name != nullptr ? name : "";
-  frame.demangled = demangle(frame.function);
 }
 
 // Tags whose children hold no code and no variables at fixed addresses.
@@ -309,7 +313,12 @@ void ObjectInfo::indexUnit(Unit& unit) {
     int32_t node = enclosing;
     if (tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine || tag == DW_TAG_entry_point) {
       node = static_cast<int32_t>(unit.nodes.size());
-      Node n{die, enclosing, 0, false, tag == DW_TAG_inlined_subroutine};
+      Node n;
+      n.die = die;
+      n.parent = enclosing;
+      n.firstLow = 0;
+      n.hasLow = false;
+      n.inlined = tag == DW_TAG_inlined_subroutine;
       Dwarf_Addr base, start, end;
       for (ptrdiff_t off = 0; (off = dwarf_ranges(&die, off, &base, &start, &end)) > 0;) {
         if (!n.hasLow) {
@@ -393,6 +402,42 @@ void ObjectInfo::indexAllUnits() {
   allIndexed_ = true;
 }
 
+const std::string& ObjectInfo::path(Unit& unit, const char* name) {
+  auto it = unit.paths.find(name);
+  if (it == unit.paths.end()) it = unit.paths.emplace(name, inDirectory(unit.compDir, name)).first;
+  return it->second;
+}
+
+ObjectInfo::Node& ObjectInfo::node(Unit& unit, int32_t index) {
+  Node& n = unit.nodes[static_cast<size_t>(index)];
+  if (!n.read) {
+    n.read = true;
+    n.name = nameOf(&n.die, unit.plainNamesComplete);
+    if (n.inlined) {
+      const unsigned file = udata(&n.die, DW_AT_call_file);
+      if (unit.files != nullptr && file < unit.fileCount) {
+        n.callFile = &path(unit, dwarf_filesrc(unit.files, file, nullptr, nullptr));
+      }
+      n.callLine = udata(&n.die, DW_AT_call_line);
+      n.callColumn = udata(&n.die, DW_AT_call_column);
+      n.callDiscriminator = udata(&n.die, kDwAtGnuDiscriminator);
+    }
+  }
+  return n;
+}
+
+void ObjectInfo::setFunction(Frame& frame, const char* name) {
+  if (name == nullptr) name = "";
+  frame.function = name;
+  if (name[0] != '_') {
+    frame.demangled = frame.function;
+    return;
+  }
+  auto it = demangled_.find(name);
+  if (it == demangled_.end()) it = demangled_.emplace(name, demangle(name)).first;
+  frame.demangled = it->second;
+}
+
 const CodeSymbol* ObjectInfo::symbolAt(size_t section, uint64_t offset) const {
   return section < symbols_.size() ? bestSymbol(symbols_[section], offset) : nullptr;
 }
@@ -411,15 +456,16 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, size_t section, uint6
   if (pieceAfter != unit.pieces.begin()) node = (pieceAfter - 1)->node;
   if (row == nullptr && node < 0) return false;
 
+  loc.frames.reserve(4);
   Frame first;
   if (row != nullptr) {
-    first.file = inDirectory(unit.compDir, row->file);
+    if (row->file != nullptr) first.file = path(unit, row->file);
     first.line = row->line;
     first.column = row->column;
     first.discriminator = row->discriminator;
   }
   FunctionName name;
-  if (node >= 0) name = nameOf(&unit.nodes[static_cast<size_t>(node)].die, unit.plainNamesComplete);
+  if (node >= 0) name = this->node(unit, node).name;
   setFunction(first, name.name);
   if (name.name == nullptr || !name.complete) {
     // No function, or a name that may be only part of the symbol's (a
@@ -437,18 +483,14 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, size_t section, uint6
   // The callers of an inlined function: each frame stands at the call site
   // recorded in the inlined DIE, and names the DIE it is nested in.
   for (int32_t cur = node; cur >= 0;) {
-    Node& inlined = unit.nodes[static_cast<size_t>(cur)];
+    const Node& inlined = this->node(unit, cur);
     if (!inlined.inlined || inlined.parent < 0) break;
-    Node& caller = unit.nodes[static_cast<size_t>(inlined.parent)];
     Frame frame;
-    setFunction(frame, nameOf(&caller.die, unit.plainNamesComplete).name);
-    const unsigned file = udata(&inlined.die, DW_AT_call_file);
-    if (unit.files != nullptr && file < unit.fileCount) {
-      frame.file = inDirectory(unit.compDir, dwarf_filesrc(unit.files, file, nullptr, nullptr));
-    }
-    frame.line = udata(&inlined.die, DW_AT_call_line);
-    frame.column = udata(&inlined.die, DW_AT_call_column);
-    frame.discriminator = udata(&inlined.die, kDwAtGnuDiscriminator);
+    setFunction(frame, this->node(unit, inlined.parent).name.name);
+    if (inlined.callFile != nullptr) frame.file = *inlined.callFile;
+    frame.line = inlined.callLine;
+    frame.column = inlined.callColumn;
+    frame.discriminator = inlined.callDiscriminator;
     loc.frames.push_back(std::move(frame));
     cur = inlined.parent;
   }

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "elf_reader.h"
@@ -56,6 +58,9 @@ class ObjectInfo {
   bool describeVariable(uint64_t at, size_t section, uint64_t offset, Location& loc);
   void describeSymbol(size_t section, uint64_t offset, Location& loc);
   const CodeSymbol* symbolAt(size_t section, uint64_t offset) const;
+  const std::string& path(Unit& unit, const char* name);
+  Node& node(Unit& unit, int32_t index);
+  void setFunction(Frame& frame, const char* name);
 
   kelo_elf::ELFBytes bytes_;  // outlives everything that points into it
   unsigned type_ = 0;         // e_type
@@ -76,7 +81,8 @@ class ObjectInfo {
   };
   std::vector<UnitPiece> unitPieces_;
   bool allIndexed_ = false;
-  std::vector<Variable> variables_;  // every unit's, sorted by address once allIndexed_
+  std::vector<Variable> variables_;                         // every unit's, sorted by address once allIndexed_
+  std::unordered_map<const char*, std::string> demangled_;  // by the name's (stable) pointer
 };
 
 }  // namespace internal

@@ -6,7 +6,10 @@
 // line of an inline chain, and addresses as wide as the linked program's.
 #include "symbolize_commands.h"
 
+#include <sys/stat.h>
+
 #include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
 
 #include <fmt/format.h>
@@ -41,7 +44,7 @@ void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned di
   }
 }
 
-void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, std::FILE* out) {
+void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, std::FILE* out) {
   // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
   // cut to the width of the program's addresses.
   uint64_t address = std::strtoull(text, nullptr, 16);
@@ -61,7 +64,7 @@ void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char*
       printFrame(options, loc->frames[i], loc->frames[0].discriminator, out);
     }
   }
-  std::fflush(out);
+  if (flush) std::fflush(out);
 }
 
 // Section names are arbitrary bytes: the table shows other than printable
@@ -126,13 +129,18 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
                      const std::vector<std::string>& addresses, std::FILE* in, std::FILE* out) {
   Symbolizer symbolizer(list);
   if (!addresses.empty()) {
-    for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), out);
+    for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), false, out);
     return 0;
   }
   // binutils reads standard input in pieces of at most 99 characters, and
-  // answers for each piece.
+  // answers for each piece. Each answer is flushed at once for a program
+  // that writes an address and waits (a pipe, a terminal); input read from
+  // a file has no one waiting.
+  struct stat st;
+  const int fd = fileno(in);
+  const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
   char line[100];
-  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, out);
+  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, out);
   return 0;
 }
 
