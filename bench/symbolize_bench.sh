@@ -44,12 +44,14 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 
 now() { date +%s%N; }
-# best_of CMD...: the best wall time of $runs runs in seconds; output to out.txt.
+# best_of INPUT CMD...: the best wall time in seconds of $runs runs of CMD
+# reading INPUT; output to out.txt.
 best_of() {
-  local best= start t i
+  local input=$1 best= start t i
+  shift
   for ((i = 0; i < runs; i++)); do
     start=$(now)
-    "$@" >out.txt
+    "$@" <"$input" >out.txt
     t=$(($(now) - start))
     [[ -z $best || $t -lt $best ]] && best=$t
   done
@@ -75,13 +77,13 @@ addresses() {
 compare() {
   local name=$1 prog=$2 kdbg=$3 addrs=$4 ours theirs eu_time=- n
   n=$(wc -l <"$addrs")
-  theirs=$(best_of addr2line -a -f -i -e "$prog" <"$addrs")
+  theirs=$(best_of "$addrs" addr2line -a -f -i -e "$prog")
   mv out.txt expected.txt
-  ours=$(best_of "$kelodbg" addr2line -a -f -i "$kdbg" <"$addrs")
+  ours=$(best_of "$addrs" "$kelodbg" addr2line -a -f -i "$kdbg")
   cmp -s expected.txt out.txt || { echo "$name: outputs differ" >&2; exit 1; }
   if [[ -n $eu ]]; then
     head -n "$eu_count" "$addrs" >eu-addrs.txt
-    eu_time=$(runs=1 best_of "$eu" -a -f -i -e "$prog" <eu-addrs.txt)
+    eu_time=$(runs=1 best_of eu-addrs.txt "$eu" -a -f -i -e "$prog")
     eu_time=$(awk -v t="$eu_time" -v k="$((n / eu_count))" 'BEGIN { printf "%.1f", t * k }')
   fi
   awk -v name="$name" -v n="$n" -v o="$ours" -v b="$theirs" -v e="$eu_time" 'BEGIN {
@@ -145,12 +147,12 @@ crunch=$(nm calc.o | awk '$3 == "crunch" { print $1 }')
 text_index=$(awk '$1 == ".text" { print NR - 1 }' sections.txt)
 address=$(printf '0x%x' $((0x10000000 + 500 * 65536 + text_index * 4096 + 0x$crunch + 4)))
 # The one-entry list files copy500.o as number 1; the answer must match.
-t1000=$(best_of "$kelodbg" addr2line -f first1000.kdbg "$address")
+t1000=$(best_of /dev/null "$kelodbg" addr2line -f first1000.kdbg "$address")
 mv out.txt first1000.txt
-t1=$(best_of "$kelodbg" addr2line -f first1.kdbg "$address")
+t1=$(best_of /dev/null "$kelodbg" addr2line -f first1.kdbg "$address")
 cmp -s first1000.txt out.txt && grep -qx crunch out.txt || { echo "first: answers differ" >&2; exit 1; }
 # Reading the file alone (every image loaded by the debug-info library).
-tread=$(best_of "$kelodbg" check -q first1000.kdbg)
+tread=$(best_of /dev/null "$kelodbg" check -q first1000.kdbg)
 awk -v a="$t1000" -v b="$t1" -v r="$tread" -v s="$(stat -c %s first1000.kdbg)" 'BEGIN {
   printf "first  1 address    1,000 entries (%.1f MB file) %.1f ms, of which reading the file %.1f ms; 1 entry %.1f ms (whole kelodbg runs)\n",
          s / 1048576, a * 1000, r * 1000, b * 1000 }'
