@@ -135,5 +135,15 @@ diff <(addr2line -afiC -e prog "${some[@]}") <("$kelodbg" addr2line -afiC prog.k
 diff <(addr2line -f -e prog "${some[@]}" | paste -d' ' - -) <("$c_example" prog.kdbg "${some[@]}") ||
   { echo "FAIL: C example"; status=1; }
 
+# Through a pipe, each answer comes before the next address is written.
+coproc server { "$kelodbg" addr2line -f prog.kdbg; }
+echo "${some[0]}" >&"${server[1]}"
+answer=
+read -r -t 10 function <&"${server[0]}" && read -r -t 10 place <&"${server[0]}" && answer="$function $place"
+exec {server[1]}>&-
+wait "$server_PID" || true
+[[ $answer == "$(addr2line -f -e prog "${some[0]}" | paste -d' ' - -)" ]] ||
+  { echo "FAIL: no answer through a pipe before the input ends ('$answer')"; status=1; }
+
 [[ $status -eq 0 ]] && echo "all lines identical"
 exit "$status"
