@@ -6,7 +6,7 @@ set -euo pipefail
 # The one list of packages.
 packages=(
   build-essential cmake pkg-config
-  libelf-dev libabsl-dev
+  libelf-dev libdw-dev libabsl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format

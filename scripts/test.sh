@@ -125,6 +125,7 @@ stage_bench() {
     -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF -DKELO_WERROR=ON
   cmake --build "$build-bench" -j "$jobs" --target kelo_bench
   "$build-bench/bench/kelo_bench" --quick
+  bash "$root/bench/symbolize_bench.sh" --quick "$build"
 }
 
 # Runs a stage and notes how long it took.

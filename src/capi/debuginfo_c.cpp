@@ -37,19 +37,10 @@ namespace {
 
 using kelo_capi::guarded;
 using kelo_handles::toHandle;
+using kelo_handles::toID;
 using kelo_handles::toImage;
 using kelo_handles::toList;
-
-// Only kinds 0 and 1 cross the C boundary; anything else is no identifier.
-absl::optional<DebugInfoID> toID(keloDbgID id) noexcept {
-  if (id.kind > kelo_debuginfo::format::kMaxCKind) return absl::nullopt;
-  return DebugInfoID(static_cast<uint8_t>(id.kind), static_cast<uint16_t>(id.id & 0xFFFFu),
-                     static_cast<uint16_t>(id.id >> 16));
-}
-
-// Any kind a list holds is copied as it is: kinds other than 0 and 1 can
-// come from files and from the class interface.
-keloDbgID toRecord(const DebugInfoID& id) noexcept { return keloDbgID{id.kind, id.number()}; }
+using kelo_handles::toRecord;
 
 }  // namespace
 

@@ -1,13 +1,16 @@
 // The one place where the C handles are looked through as the C++ objects
-// behind them:
+// behind them, and where identifier records meet identifiers:
 //   keloDbgList  a heap kelo_debuginfo::DebugInfoList
 //   keloDbgElf   a kelo_elf::ELF (the same object as a keloElf*)
 //   keloElf*     a kelo_elf::ELF
-// The C layers of both libraries, the tool, the tests and the benchmark
+//   keloDbgID    kind and 32-bit number of a kelo_elf::DebugInfoID
+// The C layers of the libraries, the tool, the tests and the benchmark
 // convert through these functions and nowhere else.
 #ifndef KELO_CAPI_HANDLES_H_
 #define KELO_CAPI_HANDLES_H_
 
+#include "absl/types/optional.h"
+#include "file/format.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
 #include "kelo/elf.h"
@@ -27,6 +30,22 @@ inline kelo_debuginfo::DebugInfoList* toList(keloDbgList list) noexcept {
 inline keloDbgList toHandle(kelo_debuginfo::DebugInfoList* list) noexcept {
   return reinterpret_cast<keloDbgList>(list);
 }
+
+inline const kelo_debuginfo::DebugInfoList* toList(const keloDbgListRec* list) noexcept {
+  return reinterpret_cast<const kelo_debuginfo::DebugInfoList*>(list);
+}
+
+// Only kinds 0 and 1 come in through the C interfaces; any other kind is no
+// identifier.
+inline absl::optional<kelo_elf::DebugInfoID> toID(keloDbgID id) noexcept {
+  if (id.kind > kelo_debuginfo::format::kMaxCKind) return absl::nullopt;
+  return kelo_elf::DebugInfoID(static_cast<uint8_t>(id.kind), static_cast<uint16_t>(id.id & 0xFFFFu),
+                               static_cast<uint16_t>(id.id >> 16));
+}
+
+// Any kind a list holds goes out as it is: kinds other than 0 and 1 can come
+// from files and from the class interface.
+inline keloDbgID toRecord(const kelo_elf::DebugInfoID& id) noexcept { return keloDbgID{id.kind, id.number()}; }
 
 }  // namespace kelo_handles
 

@@ -16,6 +16,10 @@
 #include "files.h"
 #include "tool.h"
 
+#if defined(KELODBG_WITH_SYMBOLIZE)
+#include "symbolize_commands.h"
+#endif
+
 namespace kelodbg {
 namespace {
 
@@ -211,6 +215,30 @@ class Cli {
     sub->add_option("file", r_.file, "A debug-info file")->type_name("FILE");
     json(sub);
 
+#if defined(KELODBG_WITH_SYMBOLIZE)
+    sub = command("addr2line", "Function, file and line of run-time addresses, as binutils addr2line prints them",
+                  [this] {
+                    const Input input(r_.file);
+                    return addr2lineCommand(*readList(input), a2l_, r_.args, stdin, stdout);
+                  });
+    file(sub);
+    sub->add_option("addresses", r_.args, "Hex addresses; one a line from standard input when none are given")
+        ->type_name("ADDRESS");
+    sub->add_flag("-a,--addresses", a2l_.addresses, "Print each address before its answer");
+    sub->add_flag("-f,--functions", a2l_.functions, "Print function names");
+    sub->add_flag("-i,--inlines", a2l_.inlines, "Print the functions an inlined function was inlined into too");
+    sub->add_flag("-p,--pretty-print", a2l_.pretty, "One line for each address");
+    sub->add_flag("-s,--basenames", a2l_.basenames, "File names without their folders");
+    sub->add_flag("-C,--demangle", a2l_.demangle, "Demangle C++ names");
+
+    sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
+      const Input input(r_.file);
+      return mapCommand(*readList(input), input.name(), r_.json);
+    });
+    file(sub);
+    json(sub);
+#endif
+
     sub = command("help", "Show the help of kelodbg or of one command", [this] { return help(); });
     sub->add_option("command", helpTopic_, "A command")->type_name("COMMAND");
     sub->add_flag("--man", helpMan_, "Print a manual page")->group("");
@@ -348,6 +376,9 @@ class Cli {
 
   CLI::App app_;
   Request r_;
+#if defined(KELODBG_WITH_SYMBOLIZE)
+  Addr2lineOptions a2l_;
+#endif
   std::vector<Command> commands_;
   std::string helpTopic_;
   bool helpMan_ = false;

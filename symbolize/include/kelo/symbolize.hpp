@@ -1,0 +1,136 @@
+// The symbolization library: from a run-time address to the function, source
+// file and line, across the images of a debug-info list.
+//
+// A Symbolizer looks at a list as it is when the Symbolizer is made. It
+// places every allocated section of every entry at the address recorded for
+// it, builds a sorted address map of those ranges, and answers, for an
+// address, which entry and section hold it and which functions (inline
+// frames first) and source lines it belongs to. Each entry's DWARF is read
+// the first time one of its addresses is asked for, relocated as if the
+// sections had been loaded at their recorded addresses, and kept in a
+// bounded cache; entries that are never hit cost only their address ranges.
+//
+// Lifetime: a Symbolizer borrows its list. It must not outlive the list, and
+// any change to the list (adding, removing, renumbering or merging entries,
+// recording addresses) invalidates it, as it does iterators; make a new one.
+//
+// Errors: damaged or missing debug information is never an exception; it
+// makes answers poorer (no function, no line). Only memory exhaustion
+// throws (std::bad_alloc). A Symbolizer is not for concurrent use; distinct
+// Symbolizers share nothing.
+#ifndef KELO_SYMBOLIZE_HPP_
+#define KELO_SYMBOLIZE_HPP_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/types/optional.h"
+#include "kelo/DebugInfoList.h"
+
+namespace kelo_symbolize {
+
+using kelo_elf::DebugInfoID;
+
+// One allocated section of one entry placed at its recorded address: the
+// addresses [start, end), end = start + the section's size. Sections without
+// bytes in the image (.bss) take part with their size; sections of size 0,
+// sections without SHF_ALLOC, and the names ".constant" and ".local" (which
+// name no section) take no part.
+struct Range {
+  DebugInfoID id;
+  std::string section;
+  uint64_t start = 0;
+  uint64_t end = 0;
+  // Positions in Symbolizer::ranges() of the other ranges that share at
+  // least one address with this one, ascending. Overlaps are reported, not
+  // resolved: see Symbolizer::rangeAt().
+  std::vector<size_t> overlaps;
+};
+
+// One frame of the answer for an address.
+struct Frame {
+  // The function's name as the debug information records it: the linkage
+  // (mangled) name where there is one, else the plain name. Where the debug
+  // information knows no function, the nearest preceding code symbol of the
+  // section, if any. Empty when nothing names it.
+  std::string function;
+  // `function` demangled when it is a mangled C++ name, else equal to it.
+  std::string demangled;
+  // The source file, absolute when the compilation directory is recorded;
+  // empty when unknown.
+  std::string file;
+  unsigned line = 0;  // 0 when unknown
+  unsigned column = 0;
+  // The line table's discriminator for the innermost frame; the call site's
+  // discriminator, where recorded, for the frames around it.
+  unsigned discriminator = 0;
+};
+
+// The answer for one address.
+struct Location {
+  DebugInfoID id;       // the entry holding the address
+  std::string section;  // its section holding the address
+  uint64_t offset = 0;  // the address's offset in that section
+  // Innermost first: an inlined function, then the function it was inlined
+  // into, and so on; the last frame is the function the code belongs to.
+  // Each frame's file and line are where that frame stands: the line of the
+  // address for the first, the call site for the others. For an address at
+  // the start of a variable, one frame with the variable's declaration file
+  // and line (and `function` naming a preceding code symbol, if any). Empty
+  // when nothing is known about the address.
+  std::vector<Frame> frames;
+  // The name of the variable that starts at the address, if one does.
+  std::string variable;
+};
+
+struct Options {
+  // How many entries' DWARF state is kept at once; the least recently used
+  // is dropped first. At least 1.
+  size_t cachedEntries = 64;
+};
+
+class KELO_EXPORT Symbolizer {
+ public:
+  // Builds the address map of `list`. Reads every entry's section headers,
+  // nothing else. REQUIRES: `list` outlives the Symbolizer and does not
+  // change while it is used.
+  explicit Symbolizer(const kelo_debuginfo::DebugInfoList& list, const Options& options = Options());
+  ~Symbolizer();
+  Symbolizer(Symbolizer&&) noexcept;
+  Symbolizer& operator=(Symbolizer&&) noexcept;
+  Symbolizer(const Symbolizer&) = delete;
+  Symbolizer& operator=(const Symbolizer&) = delete;
+
+  // The address map: every range, sorted by start, then end, then entry
+  // (kind, number), then section name.
+  const std::vector<Range>& ranges() const noexcept;
+
+  // The range that resolve() takes for `address`: among the ranges holding
+  // it, the one that starts last (a range that begins inside another is
+  // taken to be placed over it); for equal starts, the first in ranges().
+  // Null when no range holds the address.
+  const Range* rangeAt(uint64_t address) const noexcept;
+
+  // What the entry's debug information says about `address`. Empty when no
+  // range holds it. Loads the entry's DWARF on its first hit.
+  absl::optional<Location> resolve(uint64_t address);
+
+  // 64 when any entry's image is ELF64 (or the list is empty), else 32: the
+  // width of the addresses of a program linked from the entries.
+  unsigned addressBits() const noexcept;
+
+  // How many entries' DWARF state is held now (at most
+  // Options::cachedEntries).
+  size_t loadedEntries() const noexcept;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kelo_symbolize
+
+#endif  // KELO_SYMBOLIZE_HPP_

@@ -1,0 +1,78 @@
+#include "address_map.h"
+
+#include <algorithm>
+#include <numeric>
+#include <queue>
+#include <tuple>
+#include <utility>
+
+namespace kelo_symbolize {
+namespace internal {
+
+void AddressMap::add(Range range, Placement placement) {
+  ranges_.push_back(std::move(range));
+  placements_.push_back(placement);
+}
+
+void AddressMap::finish() {
+  std::vector<size_t> order(ranges_.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  auto key = [this](size_t i) {
+    const Range& r = ranges_[i];
+    return std::make_tuple(r.start, r.end, r.id.kind, r.id.number(), std::cref(r.section));
+  };
+  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
+  std::vector<Range> ranges;
+  std::vector<Placement> placements;
+  ranges.reserve(order.size());
+  placements.reserve(order.size());
+  for (size_t i : order) {
+    ranges.push_back(std::move(ranges_[i]));
+    placements.push_back(placements_[i]);
+  }
+  ranges_ = std::move(ranges);
+  placements_ = std::move(placements);
+
+  // Sorted by start, every range that begins before another ends overlaps
+  // it; the scan costs one step per overlap.
+  for (size_t i = 0; i < ranges_.size(); ++i) {
+    for (size_t j = i + 1; j < ranges_.size() && ranges_[j].start < ranges_[i].end; ++j) {
+      ranges_[i].overlaps.push_back(j);
+      ranges_[j].overlaps.push_back(i);
+    }
+  }
+  for (Range& r : ranges_) std::sort(r.overlaps.begin(), r.overlaps.end());
+
+  // Sweep the boundaries, keeping the ranges open at each one; the answer is
+  // the open range that started last (then the first in order). Ranges that
+  // have ended leave the queue when they come to its top.
+  std::vector<uint64_t> bounds;
+  bounds.reserve(2 * ranges_.size());
+  for (const Range& r : ranges_) {
+    bounds.push_back(r.start);
+    bounds.push_back(r.end);
+  }
+  std::sort(bounds.begin(), bounds.end());
+  bounds.erase(std::unique(bounds.begin(), bounds.end()), bounds.end());
+  auto later = [this](size_t a, size_t b) {
+    return ranges_[a].start != ranges_[b].start ? ranges_[a].start < ranges_[b].start : a > b;
+  };
+  std::priority_queue<size_t, std::vector<size_t>, decltype(later)> open(later);
+  size_t next = 0;
+  pieces_.clear();
+  for (uint64_t at : bounds) {
+    while (next < ranges_.size() && ranges_[next].start == at) open.push(next++);
+    while (!open.empty() && ranges_[open.top()].end <= at) open.pop();
+    const size_t answer = open.empty() ? kNone : open.top();
+    if (pieces_.empty() || pieces_.back().range != answer) pieces_.push_back({at, answer});
+  }
+}
+
+size_t AddressMap::find(uint64_t address) const noexcept {
+  auto after =
+      std::upper_bound(pieces_.begin(), pieces_.end(), address, [](uint64_t a, const Piece& p) { return a < p.start; });
+  return after == pieces_.begin() ? kNone : (after - 1)->range;
+}
+
+}  // namespace internal
+}  // namespace kelo_symbolize

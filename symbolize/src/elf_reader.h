@@ -1,0 +1,81 @@
+// Reading an image's section headers and symbol table with libelf, from a
+// private copy of the image's bytes.
+#ifndef KELO_SYMBOLIZE_ELF_READER_H_
+#define KELO_SYMBOLIZE_ELF_READER_H_
+
+#include <gelf.h>
+#include <libelf.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kelo/elf.hpp"
+
+namespace kelo_symbolize {
+namespace internal {
+
+struct ElfEnd {
+  void operator()(Elf* elf) const noexcept { elf_end(elf); }
+};
+using ElfPtr = std::unique_ptr<Elf, ElfEnd>;
+
+// A malloc'ed, writable copy of an image's bytes (libdwfl applies
+// relocations to the DWARF sections in place, so the bytes must be ours).
+// Empty when the image cannot be saved.
+kelo_elf::ELFBytes copyOf(const kelo_elf::ELF& image);
+
+// libelf over `bytes`, which must outlive the result. Null when libelf does
+// not take the bytes for an ELF file.
+ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept;
+
+struct SectionHeader {
+  std::string name;
+  uint32_t type = 0;
+  uint64_t flags = 0;
+  uint64_t addr = 0;  // sh_addr as the file has it
+  uint64_t size = 0;
+};
+
+struct ElfHeaderFacts {
+  unsigned elfClass = 0;  // ELFCLASS32 or ELFCLASS64
+  unsigned type = 0;      // e_type
+};
+
+// The file's class and type; false when the header cannot be read.
+bool readHeader(Elf* elf, ElfHeaderFacts& out) noexcept;
+
+// Every section header, by section index (index 0 is the null section).
+// Empty when the section table cannot be read.
+std::vector<SectionHeader> readSections(Elf* elf);
+
+// A symbol that can name code at an address, as a linked program's symbol
+// table would hold it: defined in a section, not a section, file, data or
+// thread-local symbol, not an assembler-local ".L" label, and not a hidden
+// local untyped marker of size 0.
+struct CodeSymbol {
+  uint64_t offset = 0;  // value relative to its section
+  uint64_t size = 0;    // st_size, or 1 when that is 0
+  const char* name = nullptr;
+  const char* file = nullptr;  // for local symbols, the file symbol before it
+  uint32_t order = 0;          // position in the symbol table
+  bool function = false;       // STT_FUNC or STT_GNU_IFUNC
+  bool untyped = false;        // STT_NOTYPE
+};
+
+// The code symbols of each section, by section index, each list sorted by
+// offset and then table order. Names point into `elf`'s data.
+std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<SectionHeader>& sections);
+
+// The symbol that binutils' lookup takes for `offset` in a section whose
+// code symbols are `symbols`: the nearest at or before the offset; among
+// several there, one that covers the offset, a function before an untyped
+// one, then the smaller (or, when none covers it, the larger), then the
+// first in the table. Null when none is at or before the offset.
+const CodeSymbol* bestSymbol(const std::vector<CodeSymbol>& symbols, uint64_t offset) noexcept;
+
+}  // namespace internal
+}  // namespace kelo_symbolize
+
+#endif  // KELO_SYMBOLIZE_ELF_READER_H_

@@ -1,0 +1,149 @@
+#!/usr/bin/env bash
+# Compares `kelodbg addr2line` on stored objects with binutils addr2line on
+# the program linked from them.
+#
+# Usage: compare_addr2line.sh KELODBG SYMBOLIZE_STORE C_EXAMPLE DATA_DIR
+#
+# Builds the test program in DATA_DIR with -g -O2 and links it non-PIE
+# with a linker map, files its objects with the section addresses from the
+# map, and asks both tools about every address of every stored section and
+# random addresses outside every section of the program. Every line must be identical, for
+# several sets of options. Addresses that the linked program has but no
+# stored object does (linker fill between input sections, sections the
+# linker makes) are left out: binutils names the nearest symbol there, the
+# store knows nothing about them.
+#
+# The program is linked without the C start files, so that it is made of
+# the stored objects alone; it is never run.
+set -euo pipefail
+export LC_ALL=C
+
+kelodbg=$1 store=$2 c_example=$3 data=$4
+cc=${CC:-cc} cxx=${CXX:-c++}
+work=$(mktemp -d "${TMPDIR:-/tmp}/symbolize-compare.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# text.c gets a section per function and per variable, as kernels and
+# firmware often build.
+for f in main calc; do
+  "$cc" -std=gnu11 -g -O2 -c "$data/$f.c" -o "$f.o"
+done
+"$cc" -std=gnu11 -g -O2 -ffunction-sections -fdata-sections -c "$data/text.c" -o text.o
+"$cxx" -g -O2 -fno-exceptions -fno-rtti -c "$data/shapes.cpp" -o shapes.o
+objects=(main.o calc.o text.o shapes.o)
+"$cc" -no-pie -nostartfiles -Wl,-e,main -Wl,-Map,prog.map -o prog "${objects[@]}"
+"$store" prog.map prog.kdbg "${objects[@]}" >/dev/null
+"$kelodbg" map prog.kdbg >map.txt
+
+# Stored ranges from the map ("start end"), the program's allocated
+# sections from its header table ("start size").
+awk 'NR > 1 { print $1, $2 }' map.txt >stored.txt
+readelf -SW prog | sed -n 's/^ *\[ *[0-9]*\] *//p' | awk '$7 ~ /A/ { print "0x" $3, "0x" $5 }' >linked.txt
+
+# Candidates: every byte of every stored range, the symbols of the stored
+# objects, and random addresses around the program.
+nm --defined-only "${objects[@]}" | awk 'NF == 3 && $2 ~ /[tTdDbBrRwW]/ { print $3 }' | sort -u >names.txt
+nm prog | awk 'NR == FNR { want[$1] = 1; next } ($3 in want) { print "0x" $1 }' names.txt - >symbols.txt
+cp symbols.txt candidates.txt
+
+awk -v seed=14 '
+  function hex(s,   i, n, c) {
+    n = 0; s = tolower(s); sub(/^0x/, "", s)
+    for (i = 1; i <= length(s); i++) { c = index("0123456789abcdef", substr(s, i, 1)) - 1; n = n * 16 + c }
+    return n
+  }
+  BEGIN { srand(seed) }
+  FILENAME == ARGV[1] {
+    for (a = hex($1); a < hex($2); a++) printf "0x%x\n", a
+    next
+  }
+  { s = hex($1); e = s + hex($2); if (lo == "" || s < lo) lo = s; if (e > hi) hi = e }
+  END {
+    for (k = 0; k < 600; k++) printf "0x%x\n", lo - 0x2000 + int(rand() * (hi - lo + 0x4000))
+    print "0x0"; print "0x10"; print "0x7fffffff"; print "0xdeadbeef"
+  }' stored.txt linked.txt >>candidates.txt
+
+# Keep what a stored range holds, or what no section of the program holds.
+awk '
+  function hex(s,   i, n, c) {
+    n = 0; s = tolower(s); sub(/^0x/, "", s)
+    for (i = 1; i <= length(s); i++) { c = index("0123456789abcdef", substr(s, i, 1)) - 1; n = n * 16 + c }
+    return n
+  }
+  FILENAME == ARGV[1] { ss[++ns] = hex($1); se[ns] = hex($2); next }
+  FILENAME == ARGV[2] { ls[++nl] = hex($1); le[nl] = ls[nl] + hex($2); next }
+  {
+    a = hex($1)
+    for (i = 1; i <= ns; i++) if (a >= ss[i] && a < se[i]) { print; next }
+    for (i = 1; i <= nl; i++) if (a >= ls[i] && a < le[i]) next
+    print
+  }' stored.txt linked.txt candidates.txt | sort -u >addresses.txt
+echo 0xffffffffffffffff >>addresses.txt
+
+# Every symbol of the stored objects must lie in a stored range.
+missing=$(grep -cvxFf addresses.txt symbols.txt || true)
+if [[ $missing -ne 0 ]]; then
+  echo "FAIL: $missing symbols of the stored objects lie in no stored range"
+  exit 1
+fi
+
+# Where binutils names a symbol that no stored object has (the linker's
+# __bss_start before .bss data), the store can only say "??". Those
+# addresses are compared apart, with binutils' foreign name read as "??"
+# and its "??:?" (symbol without line) as "??:0".
+nm prog | awk 'NF == 3 { print $3 }' | sort -u | comm -23 - names.txt >foreign.txt
+addr2line -a -f -e prog <addresses.txt | paste - - - |
+  awk -F'\t' 'NR == FNR { foreign[$1] = 1; next } { print $1 > (($2 in foreign) ? "apart.txt" : "kept.txt") }' \
+    foreign.txt - 
+touch apart.txt kept.txt
+awk '{ print $1 }' kept.txt >addresses.txt
+
+status=0
+compare() {
+  addr2line "$@" -e prog <addresses.txt >expected.txt
+  "$kelodbg" addr2line "$@" prog.kdbg <addresses.txt >actual.txt
+  if ! diff expected.txt actual.txt >diff.txt; then
+    echo "FAIL: addr2line $* differs (< binutils, > kelodbg):"
+    head -40 diff.txt
+    status=1
+  fi
+  echo "addr2line $*: $(wc -l <addresses.txt) addresses, $(wc -l <expected.txt) lines compared"
+}
+compare -a -f -i
+compare -f -p -i -C -s
+compare
+compare -a -p -f -C
+
+if [[ -s apart.txt ]]; then
+  addr2line -a -f -i -e prog <apart.txt |
+    awk 'NR == FNR { foreign[$1] = 1; next }
+         named { named = 0; if ($0 == "??:?") $0 = "??:0" }
+         ($0 in foreign) { $0 = "??"; named = 1 }
+         { print }' foreign.txt - >expected.txt
+  "$kelodbg" addr2line -a -f -i prog.kdbg <apart.txt >actual.txt
+  diff expected.txt actual.txt || { echo "FAIL: addresses named by foreign symbols"; status=1; }
+  echo "addr2line -a -f -i: $(wc -l <apart.txt) addresses named by symbols of no stored object, compared apart"
+fi
+
+# Addresses as arguments, with combined flags.
+mapfile -t some < <(grep -xFf symbols.txt addresses.txt | head -24)
+diff <(addr2line -afiC -e prog "${some[@]}") <("$kelodbg" addr2line -afiC prog.kdbg "${some[@]}") ||
+  { echo "FAIL: addresses as arguments"; status=1; }
+
+# The C example resolves as addr2line -f does.
+diff <(addr2line -f -e prog "${some[@]}" | paste -d' ' - -) <("$c_example" prog.kdbg "${some[@]}") ||
+  { echo "FAIL: C example"; status=1; }
+
+# Through a pipe, each answer comes before the next address is written.
+coproc server { "$kelodbg" addr2line -f prog.kdbg; }
+echo "${some[0]}" >&"${server[1]}"
+answer=
+read -r -t 10 function <&"${server[0]}" && read -r -t 10 place <&"${server[0]}" && answer="$function $place"
+exec {server[1]}>&-
+wait "$server_PID" || true
+[[ $answer == "$(addr2line -f -e prog "${some[0]}" | paste -d' ' - -)" ]] ||
+  { echo "FAIL: no answer through a pipe before the input ends ('$answer')"; status=1; }
+
+[[ $status -eq 0 ]] && echo "all lines identical"
+exit "$status"
