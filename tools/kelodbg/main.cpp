@@ -119,6 +119,10 @@ class Cli {
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber);
   }
+  void id(CLI::App* sub) { sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required(); }
+  void kind(CLI::App* sub) {
+    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+  }
   void json(CLI::App* sub) { sub->add_flag("--json", r_.json, "Print one JSON document"); }
 
   void define() {
@@ -126,13 +130,13 @@ class Cli {
     sub = command("create", "Create FILE (replacing it) with entries from ELF files", createCommand);
     file(sub, "The debug-info file to create ('-': standard output)");
     sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE");
-    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+    kind(sub);
     wait(sub);
 
     sub = command("add", "Add entries from ELF files to FILE", addCommand);
     file(sub);
     sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE")->required();
-    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+    kind(sub);
     wait(sub);
 
     sub = command("remove", "Remove entries from FILE, all or none", removeCommand);
@@ -142,7 +146,7 @@ class Cli {
 
     sub = command("set-addr", "Record load addresses of sections of one entry", setAddrCommand);
     file(sub);
-    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    id(sub);
     sub->add_option("addresses", r_.args,
                     "SECTION ADDRESS, or any number of SECTION=ADDRESS; sections of the entry's image, .constant "
                     "and .local")
@@ -152,7 +156,7 @@ class Cli {
 
     sub = command("unset-addr", "Forget recorded load addresses of sections of one entry", unsetAddrCommand);
     file(sub);
-    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    id(sub);
     sub->add_option("sections", r_.args, "Sections that have an address")->type_name("SECTION")->required();
     wait(sub);
 
@@ -187,12 +191,12 @@ class Cli {
 
     sub = command("show", "Show one entry: its image's sections and their addresses", showCommand);
     file(sub);
-    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    id(sub);
     json(sub);
 
     sub = command("extract", "Write the ELF file stored under one entry", extractCommand);
     file(sub);
-    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required();
+    id(sub);
     sub->add_option("-o,--output", r_.output, "The ELF file to write ('-': standard output)")
         ->type_name("FILE")
         ->required();
