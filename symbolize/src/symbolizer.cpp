@@ -7,6 +7,7 @@
 
 #include "address_map.h"
 #include "elf_reader.h"
+#include "file/format.h"
 #include "kelo/symbolize.hpp"
 #include "object_info.h"
 
@@ -15,13 +16,6 @@ namespace kelo_symbolize {
 using internal::AddressMap;
 using internal::ObjectInfo;
 using internal::SectionPlace;
-
-namespace {
-
-// Names that the list accepts for every entry but that name no section.
-bool namesNoSection(const std::string& name) { return name == ".constant" || name == ".local"; }
-
-}  // namespace
 
 struct Symbolizer::Impl {
   struct Entry {
@@ -53,7 +47,8 @@ struct Symbolizer::Impl {
     const size_t index = entries.size();
     // A recorded name places the first allocated section of that name.
     for (const auto& recorded : stored.sectionAddrs) {
-      if (namesNoSection(recorded.first)) continue;
+      // .constant and .local name no section of the image.
+      if (kelo_debuginfo::format::isAlwaysAcceptedSection(recorded.first)) continue;
       for (size_t i = 1; i < sections.size(); ++i) {
         const internal::SectionHeader& s = sections[i];
         if (s.name != recorded.first || (s.flags & SHF_ALLOC) == 0) continue;
