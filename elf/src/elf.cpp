@@ -23,18 +23,6 @@
 
 namespace kelo_elf {
 
-size_t DebugInfoID::hash() const noexcept {
-  // The 40 significant bits, packed, then the 64-bit finaliser of MurmurHash3:
-  // every input bit reaches every output bit, the low 32 included.
-  uint64_t h = (uint64_t{kind} << 32) | (uint64_t{hi} << 16) | lo;
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  h ^= h >> 33;
-  return static_cast<size_t>(h);
-}
-
 namespace {
 
 // One section name inside the image's bytes. Names never contain NUL and

@@ -75,12 +75,6 @@ struct ELF::Impl {
   ~Impl() { --state().liveImplementations; }
 };
 
-size_t DebugInfoID::hash() const noexcept {
-  // Deliberately weak: many identifiers share buckets, which exercises the
-  // collision paths of the maps that use it.
-  return (size_t{kind} * 31u + lo) ^ (size_t{hi} << 3);
-}
-
 ELF::ELF() noexcept { ++state().defaultConstructed; }
 
 ELF::ELF(ELF&& other) noexcept : debugInfoID(other.debugInfoID), impl_(other.impl_) {

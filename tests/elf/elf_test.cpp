@@ -5,7 +5,6 @@
 #include <iterator>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "elf/elf_images.h"
@@ -237,26 +236,6 @@ TEST(ElfHash, DependsOnKindAndBothHalves) {
   for (const DebugInfoID& id : ids) hashes.insert(id.hash());
   EXPECT_EQ(hashes.size(), std::size(ids));
   EXPECT_EQ(std::hash<DebugInfoID>()(DebugInfoID(1, 5, 6)), DebugInfoID(1, 5, 6).hash());
-}
-
-TEST(ElfHash, SequentialIdsSpreadOverLowBits) {
-  // 100,000 sequential numbers into 2^16 buckets by the low bits: a random
-  // function leaves about 21.7% of the buckets empty and no bucket very full.
-  constexpr uint32_t kIds = 100000;
-  for (uint8_t kind : {0, 1}) {
-    std::vector<int> buckets(1 << 16);
-    std::unordered_set<uint32_t> low32;
-    for (uint32_t n = 0; n < kIds; ++n) {
-      const size_t h = DebugInfoID(kind, static_cast<uint16_t>(n), static_cast<uint16_t>(n >> 16)).hash();
-      ++buckets[h & 0xffff];
-      low32.insert(static_cast<uint32_t>(h));
-    }
-    const long empty = std::count(buckets.begin(), buckets.end(), 0);
-    EXPECT_GT(empty, 13000);
-    EXPECT_LT(empty, 15500);
-    EXPECT_LE(*std::max_element(buckets.begin(), buckets.end()), 12);
-    EXPECT_GE(low32.size(), kIds - 10u) << "too many collisions in 32 bits";
-  }
 }
 
 }  // namespace
