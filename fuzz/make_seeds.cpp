@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "elf/elf_images.h"
+#include "support/elf_images.h"
 #include "file/DebugInfoFile.h"
 #include "kelo/DebugInfoList.h"
 
@@ -23,11 +23,11 @@ using Bytes = std::vector<unsigned char>;
 // A relocatable ELF file with one small PROGBITS section per name and the
 // section-name string table, made by the image tests' crafter.
 Bytes makeElf(bool is64, bool big, const std::vector<std::string>& names) {
-  elf_test::Crafted want;
+  kelo_test::Crafted want;
   want.is64 = is64;
   want.big = big;
   want.sections = names;
-  return elf_test::craft(want);
+  return kelo_test::craft(want);
 }
 
 // Little-endian fields of a hand-made debug-info file.

@@ -50,36 +50,37 @@ struct Decodable<DebugInfoID> {
   }
 };
 
-// The image's saved bytes as a byte sequence. Saving is a non-const
-// operation of the image library, hence the non-const reference. The saved
-// block is released on every path by its own destructor.
+// The image's bytes as a byte sequence, written from where the image keeps
+// them: the same bytes that save() would give, without the copy. An empty
+// image (a placeholder, no ELF file) cannot be serialised.
 template <>
 struct Encodable<kelo_elf::ELF> {
   template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
-  static Res encode(kelo_elf::ELF& image, Enc& enc) {
-    absl::optional<kelo_elf::ELFBytes> bytes = image.save();
-    if (!bytes) return typename Enc::ErrTy{};
-    return Encodable<absl::Span<unsigned char const>>::encode(bytes->span(), enc);
+  static Res encode(const kelo_elf::ELF& image, Enc& enc) {
+    const absl::Span<unsigned char const> bytes = image.bytes();
+    if (bytes.empty()) return typename Enc::ErrTy{};
+    return Encodable<absl::Span<unsigned char const>>::encode(bytes, enc);
   }
 };
 
-// A byte sequence loaded into a new image. Exceptions of the byte reader and
-// of the image library pass through.
+// A byte sequence that a new image takes over: the bytes are read straight
+// into the block that the image then keeps. Exceptions of the byte reader
+// and of the image library pass through.
 template <>
 struct Decodable<kelo_elf::ELF> {
   template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    std::vector<unsigned char> scratch;
-    return decode(dec, scratch);
-  }
-
-  // The same, reading the bytes into a buffer that the caller reuses across
-  // images; the image keeps its own copy.
-  template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
-    auto read = Decodable<std::vector<unsigned char>>::decodeInto(dec, scratch);
+    orvel_lib::io::Block block;
+    auto read = Decodable<orvel_lib::io::Block>::decodeInto(dec, block, kelo_elf::ELFBytes::kAdoptRoom);
     if (!read.isOk()) return typename Dec::ErrTy{};
-    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(absl::MakeConstSpan(scratch));
+    // No bytes make an empty ELFBytes, which owns no memory; the block's
+    // own room is freed with the block.
+    kelo_elf::ELFBytes bytes;
+    if (block.size() != 0) {
+      bytes = kelo_elf::ELFBytes(block.data(), static_cast<uint32_t>(block.size()));
+      block.release();
+    }
+    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::adopt(std::move(bytes));
     if (!image) return typename Dec::ErrTy{};
     return Res(std::move(*image));
   }
@@ -103,14 +104,8 @@ template <>
 struct Decodable<RelocELF> {
   template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    std::vector<unsigned char> scratch;
-    return decode(dec, scratch);
-  }
-
-  template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
     try {
-      auto image = Decodable<kelo_elf::ELF>::decode(dec, scratch);
+      auto image = Decodable<kelo_elf::ELF>::decode(dec);
       if (!image.isOk()) return typename Dec::ErrTy{};
       auto sections = Decodable<std::unordered_map<std::string, unsigned>>::decode(dec);
       if (!sections.isOk()) return typename Dec::ErrTy{};
@@ -153,11 +148,10 @@ struct Decodable<DebugInfoList> {
       // Reserve only what the rest of the file can back; the count itself is
       // untrusted.
       entries.reserve(d.backedCount(count, kelo_debuginfo::format::kMinEntrySize));
-      std::vector<unsigned char> scratch;
       for (unsigned i = 0; i < count; ++i) {
         auto id = Decodable<DebugInfoID>::decode(d);
         if (!id.isOk()) return typename Dec::ErrTy{};
-        auto entry = Decodable<RelocELF>::decode(d, scratch);
+        auto entry = Decodable<RelocELF>::decode(d);
         if (!entry.isOk()) return typename Dec::ErrTy{};
         entries.try_emplace(id.value(), std::move(entry.value()));
       }
@@ -184,9 +178,10 @@ using Decoder = orvel_lib::serialize::binary::Decoder<File>;
 using format::kMagic;
 using format::kVersion;
 
-// Streams that carry whole lists get a large buffer: image bytes go through
-// in bulk, and the many small fields of an entry cost no system calls.
-constexpr std::size_t kListBuffer = std::size_t{1} << 20;
+// Streams that carry whole lists get a buffer of their own size (see
+// io/ReadBuffer.h): image bytes pass it by, and the many small fields of an
+// entry cost no system calls.
+constexpr std::size_t kListBuffer = orvel_lib::io::buffers::kStreamBuffer;
 
 // An opened debug-info file, positioned just after its header, and the
 // header's version bytes (the reserved byte is not kept).

@@ -64,7 +64,7 @@ const std::vector<Call>& calls() {
          return keloDbgGetSectionAddr(w.list.get(), keloDbgID{1, 1}, ".text") == 0x99;
        },
        false, false, true},
-      {"Write", [](World& w) { return keloDbgWrite(w.list.get(), w.out.c_str()); }, nullptr, true},
+      {"Write", [](World& w) { return keloDbgWrite(w.list.get(), w.out.c_str()); }},
       {"Read",
        [](World& w) {
          ListPtr l(keloDbgRead(w.file.c_str()));

@@ -100,8 +100,8 @@ ELF::~ELF() {
 
 absl::optional<ELFBytes> ELF::save() {
   if (elf_double::trip(state().saveFault, state().saveCountdown)) return absl::nullopt;
+  if (impl_ == nullptr) return absl::nullopt;
   ++state().saves;
-  if (impl_ == nullptr || impl_->bytes.empty()) return ELFBytes{};
   auto* data = static_cast<unsigned char*>(std::malloc(impl_->bytes.size()));
   if (data == nullptr) return absl::nullopt;
   std::memcpy(data, impl_->bytes.data(), impl_->bytes.size());
@@ -130,6 +130,17 @@ absl::optional<ELF> ELF::load(absl::Span<unsigned char const> bytes) {
   ++state().loaded;
   out->impl_ = impl.release();
   return out;
+}
+
+absl::optional<ELF> ELF::adopt(ELFBytes&& bytes) {
+  absl::optional<ELF> image = load(bytes.span());
+  if (image) bytes = ELFBytes();
+  return image;
+}
+
+absl::Span<unsigned char const> ELF::bytes() const noexcept {
+  if (impl_ == nullptr) return {};
+  return absl::MakeConstSpan(impl_->bytes);
 }
 
 bool ELF::hasSection(const std::string& name) const {

@@ -1,10 +1,11 @@
 // The ELF image library: whole ELF files held in memory as images.
 //
 // An image is made from the bytes of a well-formed ELF file (ELF32 or ELF64,
-// either byte order) and keeps its own copy of them. It answers which
-// sections the file has and gives the bytes back, unchanged, on request.
-// Images are move-only; an independent copy is made by saving an image to
-// bytes and loading a fresh one from them.
+// either byte order) and keeps them in one block of its own: a copy, or a
+// malloc'ed block that it takes over. It answers which sections the file has
+// and gives the bytes back, unchanged, on request. Images are move-only; an
+// independent copy is made by saving an image to bytes and loading a fresh
+// one from them.
 #ifndef KELO_ELF_HPP_
 #define KELO_ELF_HPP_
 
@@ -62,6 +63,11 @@ struct ELFBytes {
   unsigned char* data = nullptr;
   uint32_t size = 0;
 
+  // An image keeps a few bytes of its own beside its file bytes, in the same
+  // block. A block with this much room after its `size` bytes is taken over
+  // by ELF::adopt() where it lies; with less, the block may have to move.
+  static constexpr uint32_t kAdoptRoom = 32;
+
   ELFBytes() = default;
   ELFBytes(unsigned char* d, uint32_t n) noexcept : data(d), size(n) {}
   ELFBytes(ELFBytes&& o) noexcept : data(o.data), size(o.size) {
@@ -92,8 +98,8 @@ struct ELFBytes {
   }
 };
 
-// One ELF image. A default-constructed or moved-from image is empty: it has
-// no sections and saves to zero bytes.
+// One ELF image. A default-constructed or moved-from image is empty: a
+// placeholder that has no sections and no bytes, and is not an ELF file.
 class KELO_EXPORT ELF {
  public:
   ELF() noexcept;
@@ -103,17 +109,28 @@ class KELO_EXPORT ELF {
   ELF& operator=(const ELF&) = delete;
   ~ELF();
 
-  // A freshly malloc'ed copy of exactly the bytes the image was loaded from.
-  // Empty images give a present block of size 0 that owns no memory. An empty
-  // optional means the image cannot be saved (for instance, no memory).
+  // A freshly malloc'ed copy of exactly the bytes the image holds (with
+  // ELFBytes::kAdoptRoom bytes of room after them). An empty optional when
+  // the image cannot be serialised: when it is empty, or memory runs out.
   // Leaves the image as it was; may be called any number of times.
   absl::optional<ELFBytes> save();
 
-  // A new image made from `bytes`, which must form a well-formed ELF file.
-  // The bytes are copied; the caller keeps them. Anything else (too short,
-  // wrong magic, tables out of bounds, no bytes at all) gives an empty
-  // optional. May throw std::bad_alloc.
+  // A new image made from a copy of `bytes`, which must form a well-formed
+  // ELF file; the caller keeps them. Anything else (too short, wrong magic,
+  // tables out of bounds, no bytes at all) gives an empty optional. May
+  // throw std::bad_alloc.
   static absl::optional<ELF> load(absl::Span<unsigned char const> bytes);
+
+  // The same, but the new image takes over the block of `bytes` as its own
+  // storage instead of copying it (for a block with ELFBytes::kAdoptRoom
+  // bytes of room it stays where it is). `bytes` is left empty then. When
+  // they do not form an ELF file, or std::bad_alloc is thrown, `bytes` stays
+  // as it was.
+  static absl::optional<ELF> adopt(ELFBytes&& bytes);
+
+  // The image's bytes where the image keeps them: valid until the image is
+  // destroyed, moved from or assigned to. Empty for an empty image.
+  absl::Span<unsigned char const> bytes() const noexcept;
 
   // True when the image has a section of exactly this name (byte for byte).
   bool hasSection(const std::string& name) const;
@@ -122,7 +139,7 @@ class KELO_EXPORT ELF {
   // section at index 0 is left out. Empty for an empty image.
   std::vector<std::string> sectionNames() const;
 
-  // The number of bytes the image was loaded from (0 for an empty image).
+  // The number of bytes the image holds (0 for an empty image).
   uint32_t size() const noexcept;
 
   // The identifier the image is filed under, if any. Callers that file the
