@@ -2,8 +2,8 @@
 // hand, valid debug-info files written by the library, and hand-damaged
 // variants of them.
 //
-//   fuzz_make_seeds <corpus dir>   (fills <dir>/elf_load, <dir>/read_file,
-//                                   <dir>/list_model)
+//   fuzz_make_seeds <corpus dir>   (fills <dir>/elf_differential,
+//                                   <dir>/read_file, <dir>/list_model)
 #include <sys/stat.h>
 
 #include <cstdint>
@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "support/elf_images.h"
 #include "file/DebugInfoFile.h"
 #include "kelo/DebugInfoList.h"
+#include "support/elf_images.h"
 
 namespace {
 
@@ -22,12 +22,8 @@ using Bytes = std::vector<unsigned char>;
 
 // A relocatable ELF file with one small PROGBITS section per name and the
 // section-name string table, made by the image tests' crafter.
-Bytes makeElf(bool is64, bool big, const std::vector<std::string>& names) {
-  kelo_test::Crafted want;
-  want.is64 = is64;
-  want.big = big;
-  want.sections = names;
-  return kelo_test::craft(want);
+Bytes makeElf(bool is64, bool big, const std::vector<std::string>& names, bool extended = false) {
+  return kelo_test::craft({is64, big, names, extended});
 }
 
 // Little-endian fields of a hand-made debug-info file.
@@ -91,23 +87,31 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string root = argv[1];
-  for (const char* sub : {"", "/elf_load", "/read_file", "/list_model"}) mkdir((root + sub).c_str(), 0755);
+  for (const char* sub : {"", "/elf_differential", "/read_file", "/list_model"}) mkdir((root + sub).c_str(), 0755);
 
   // Images.
   const Bytes le64 = makeElf(true, false, {".text", ".data"});
   const Bytes be64 = makeElf(true, true, {".text"});
   const Bytes le32 = makeElf(false, false, {".text", ".bss", ".local"});
   const Bytes be32 = makeElf(false, true, {".data"});
-  save(root + "/elf_load/elf64_le", le64);
-  save(root + "/elf_load/elf64_be", be64);
-  save(root + "/elf_load/elf32_le", le32);
-  save(root + "/elf_load/elf32_be", be32);
+  const std::string el = root + "/elf_differential/";
+  save(el + "elf64_le", le64);
+  save(el + "elf64_be", be64);
+  save(el + "elf32_le", le32);
+  save(el + "elf32_be", be32);
+  // Counts kept in section 0, and enough sections for a sorted name index.
+  save(el + "elf64_le_extended", makeElf(true, false, {".text", ".data"}, true));
+  save(el + "elf32_be_extended", makeElf(false, true, {".text"}, true));
+  std::vector<std::string> many;
+  for (int i = 0; i < 20; ++i) many.push_back(".s" + std::to_string(i % 7));
+  save(el + "elf64_be_many", makeElf(true, true, many));
+  save(el + "elf32_le_many", makeElf(false, false, many));
   Bytes noStrtab = le64;
   noStrtab[noStrtab.size() - 64 + 4] = 1;  // the name table is not a string table
-  save(root + "/elf_load/damaged_strtab_type", noStrtab);
+  save(el + "damaged_strtab_type", noStrtab);
   Bytes shoffOut = le32;
   shoffOut[32] = 0xf0;  // section headers past the end
-  save(root + "/elf_load/damaged_shoff", shoffOut);
+  save(el + "damaged_shoff", shoffOut);
 
   // Files written by the library.
   const std::string rf = root + "/read_file/";

@@ -80,7 +80,8 @@ stage_i386() {
 
 # Each fuzz target replays its seed corpus (damaged files and earlier finds
 # included), then fuzzes for a bounded time. New inputs go to a temporary
-# directory, never into the repository.
+# directory, never into the repository. (The other builds replay the corpora
+# as the tests fuzz.*.)
 stage_fuzz() {
   [[ ${SKIP_FUZZ:-0} == 1 ]] && return
   stage "fuzz smoke runs: $build-fuzz"
@@ -91,7 +92,7 @@ stage_fuzz() {
   local t work log failed=0
   rm -f "$build-fuzz"/crash-*
   log=$(mktemp)
-  for t in elf_load read_file list_model; do
+  for t in elf_differential read_file list_model; do
     work=$(mktemp -d)
     if ! "$build-fuzz/fuzz/fuzz_$t" -max_total_time="${FUZZ_SECONDS:-20}" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build-fuzz/crash-$t-" "$work" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
