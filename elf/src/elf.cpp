@@ -9,6 +9,8 @@
 // so that a lookup is a binary search.
 #include "kelo/elf.hpp"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -166,7 +168,7 @@ std::unique_ptr<NameRef[]> indexNames(const unsigned char* data, std::size_t siz
 
 // The trailer of an image's block: it lies right after the file's bytes,
 // which start the block.
-struct ELF::Impl {
+struct alignas(8) ELF::Impl {
   uint32_t size;    // the file's bytes
   uint32_t count;   // named sections: all but section 0
   NameRef* sorted;  // the names in byte order, or null (see kScanLimit)
@@ -218,7 +220,7 @@ ELF::~ELF() { Impl::destroy(impl_); }
 
 absl::optional<ELFBytes> ELF::save() {
   if (impl_ == nullptr) return absl::nullopt;
-  auto* data = static_cast<unsigned char*>(std::malloc(std::size_t{impl_->size} + ELFBytes::kAdoptRoom));
+  auto* data = static_cast<unsigned char*>(std::malloc(std::size_t{impl_->size} + ELFBytes::adoptRoom(impl_->size)));
   if (data == nullptr) return absl::nullopt;
   std::memcpy(data, impl_->bytes(), impl_->size);
   return ELFBytes(data, impl_->size);
@@ -240,16 +242,18 @@ absl::optional<ELF> ELF::load(absl::Span<unsigned char const> bytes) {
 }
 
 absl::optional<ELF> ELF::adopt(ELFBytes&& bytes) {
-  static_assert(ELFBytes::kAdoptRoom >= sizeof(Impl) + alignof(Impl) - 1,
-                "a block with kAdoptRoom bytes of room takes the trailer where it lies");
+  static_assert(sizeof(Impl) == 16 && alignof(Impl) == 8, "ELFBytes::adoptRoom() is the trailer's room");
   Layout l;
   if (!readLayout(bytes.data, bytes.size, l) || !checkSections(bytes.data, bytes.size, l)) return absl::nullopt;
   if (!Impl::fits(bytes.size)) throw std::bad_alloc();
   std::unique_ptr<NameRef[]> sorted = indexNames(bytes.data, bytes.size, l);
-  // Room for the trailer; a block made with kAdoptRoom to spare stays in
-  // place.
-  void* block = std::realloc(bytes.data, Impl::blockSize(bytes.size));
-  if (block == nullptr) throw std::bad_alloc();
+  // Room for the trailer: a block made with adoptRoom() to spare has it
+  // already, others grow (and may move).
+  void* block = bytes.data;
+  if (malloc_usable_size(block) < Impl::blockSize(bytes.size)) {
+    block = std::realloc(bytes.data, Impl::blockSize(bytes.size));
+    if (block == nullptr) throw std::bad_alloc();
+  }
   ELF image;
   image.impl_ = Impl::place(static_cast<unsigned char*>(block), bytes.size, l.shnum - 1, std::move(sorted));
   bytes.data = nullptr;

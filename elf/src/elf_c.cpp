@@ -50,7 +50,7 @@ keloElf* loadFile(const char* path) {
   absl::optional<uint64_t> size;
   if (fstat(fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode)) size = static_cast<uint64_t>(st.st_size);
   orvel_lib::io::Block block;
-  if (!orvel_lib::io::readToEnd(file.get(), block, kelo_elf::ELFBytes::kAdoptRoom, UINT32_MAX, size) ||
+  if (!orvel_lib::io::readToEnd(file.get(), block, kelo_elf::ELFBytes::kMaxAdoptRoom, UINT32_MAX, size) ||
       block.size() == 0)
     return nullptr;
   file.reset();

@@ -30,16 +30,17 @@ class RenumberingRoles {
   // Room for the identifiers of `pairs` pairs, at most half of the slots used.
   explicit RenumberingRoles(std::size_t pairs) : slots_(capacityFor(pairs)), mask_(slots_.size() - 1) {}
 
-  // Gives `id` the role; false when it had it already.
-  bool mark(const DebugInfoID& id, Role role) {
-    Slot& slot = slots_[indexOf(id)];
-    if ((slot.roles & role) != 0) return false;
-    slot.id = id;
-    slot.roles = static_cast<uint8_t>(slot.roles | role);
-    return true;
-  }
+  // Starts fetching the slot of `id`, to be marked soon.
+  void prefetch(const DebugInfoID& id) const { __builtin_prefetch(&slots_[id.hash() & mask_]); }
 
-  bool has(const DebugInfoID& id, Role role) const { return (slots_[indexOf(id)].roles & role) != 0; }
+  // Gives `id` the role; answers the roles it had before.
+  uint8_t mark(const DebugInfoID& id, Role role) {
+    Slot& slot = slots_[indexOf(id)];
+    const uint8_t before = slot.roles;
+    slot.id = id;
+    slot.roles = static_cast<uint8_t>(before | role);
+    return before;
+  }
 
  private:
   struct Slot {
@@ -104,16 +105,22 @@ bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
   RenumberingRoles roles(ids.size());
   std::vector<Map::iterator> sources;
   sources.reserve(ids.size());
-  for (const DebugInfoNewID& pair : ids) {
-    if (!roles.mark(pair.oldID, RenumberingRoles::kOld)) return false;  // an old identifier twice
+  constexpr std::size_t kAhead = 8;  // slots fetched ahead of their use
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const DebugInfoNewID& pair = ids[i];
+    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].oldID);
+    if (roles.mark(pair.oldID, RenumberingRoles::kOld) & RenumberingRoles::kOld) return false;  // an old one twice
     auto source = entries.find(pair.oldID);
     if (source == entries.end()) return false;  // an old identifier not filed
     sources.push_back(source);
   }
-  for (const DebugInfoNewID& pair : ids) {
-    if (!roles.mark(pair.newID, RenumberingRoles::kNew)) return false;  // a new identifier twice
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const DebugInfoNewID& pair = ids[i];
+    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].newID);
+    const uint8_t had = roles.mark(pair.newID, RenumberingRoles::kNew);
+    if (had & RenumberingRoles::kNew) return false;  // a new identifier twice
     // Taken by an entry that keeps its identifier.
-    if (!roles.has(pair.newID, RenumberingRoles::kOld) && entries.find(pair.newID) != entries.end()) return false;
+    if (!(had & RenumberingRoles::kOld) && entries.find(pair.newID) != entries.end()) return false;
   }
 
   // Re-keying. The renumbered entries' nodes are taken out of the map, given

@@ -71,7 +71,8 @@ struct Decodable<kelo_elf::ELF> {
   template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
     orvel_lib::io::Block block;
-    auto read = Decodable<orvel_lib::io::Block>::decodeInto(dec, block, kelo_elf::ELFBytes::kAdoptRoom);
+    auto read = dec.readSeq(
+        [&block](Dec& d, unsigned count) { return d.readBytes(count, block, kelo_elf::ELFBytes::adoptRoom(count)); });
     if (!read.isOk()) return typename Dec::ErrTy{};
     // No bytes make an empty ELFBytes, which owns no memory; the block's
     // own room is freed with the block.
@@ -104,14 +105,20 @@ template <>
 struct Decodable<RelocELF> {
   template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
+    RelocELF entry;
+    if (!decodeInto(dec, entry).isOk()) return typename Dec::ErrTy{};
+    return Res(std::move(entry));
+  }
+
+  // The same into `entry`, an empty one (as a new map node holds), without
+  // moving anything after it is read.
+  template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
+  static Res decodeInto(Dec& dec, RelocELF& entry) {
     try {
       auto image = Decodable<kelo_elf::ELF>::decode(dec);
       if (!image.isOk()) return typename Dec::ErrTy{};
-      auto sections = Decodable<std::unordered_map<std::string, unsigned>>::decode(dec);
-      if (!sections.isOk()) return typename Dec::ErrTy{};
-      RelocELF entry(std::move(image.value()));
-      entry.sectionAddrs = std::move(sections.value());
-      return Res(std::move(entry));
+      entry.elf = std::move(image.value());
+      return Decodable<std::unordered_map<std::string, unsigned>>::decodeInto(dec, entry.sectionAddrs);
     } catch (...) {
       return typename Dec::ErrTy{};
     }
@@ -126,9 +133,21 @@ struct Encodable<DebugInfoList::Map> {
   static Res encode(DebugInfoList::Map& entries, Enc& enc) {
     if (!binary::detail::fitsCount(entries.size())) return typename Enc::ErrTy{};
     return enc.emitMap(static_cast<unsigned>(entries.size()), [&entries](Enc& e) -> Res {
-      for (auto& entry : entries) {
-        Res r = Encodable<DebugInfoID>::encode(entry.first, e);
-        if (r.isOk()) r = Encodable<RelocELF>::encode(entry.second, e);
+      // Entries lie scattered in memory. While one is written, the next
+      // one's image and first section record are fetched, and the entry
+      // after that.
+      const auto end = entries.end();
+      for (auto it = entries.begin(); it != end; ++it) {
+        const auto next = std::next(it);
+        if (next != end) {
+          const auto after = std::next(next);
+          if (after != end) __builtin_prefetch(&*after);
+          const absl::Span<unsigned char const> bytes = next->second.elf.bytes();
+          __builtin_prefetch(bytes.data());
+          if (!next->second.sectionAddrs.empty()) __builtin_prefetch(&*next->second.sectionAddrs.begin());
+        }
+        Res r = Encodable<DebugInfoID>::encode(it->first, e);
+        if (r.isOk()) r = Encodable<RelocELF>::encode(it->second, e);
         if (!r.isOk()) return r;
       }
       return absl::monostate{};
@@ -148,12 +167,16 @@ struct Decodable<DebugInfoList> {
       // Reserve only what the rest of the file can back; the count itself is
       // untrusted.
       entries.reserve(d.backedCount(count, kelo_debuginfo::format::kMinEntrySize));
+      // Each entry is read straight into its node. One whose identifier was
+      // read before is read into `repeated` and dropped.
+      RelocELF repeated;
       for (unsigned i = 0; i < count; ++i) {
         auto id = Decodable<DebugInfoID>::decode(d);
         if (!id.isOk()) return typename Dec::ErrTy{};
-        auto entry = Decodable<RelocELF>::decode(d);
-        if (!entry.isOk()) return typename Dec::ErrTy{};
-        entries.try_emplace(id.value(), std::move(entry.value()));
+        auto slot = entries.try_emplace(id.value());
+        if (!slot.second) repeated = RelocELF();
+        if (!Decodable<RelocELF>::decodeInto(d, slot.second ? slot.first->second : repeated).isOk())
+          return typename Dec::ErrTy{};
       }
       DebugInfoList list;
       list.entries = std::move(entries);

@@ -34,7 +34,8 @@ Bytes saved(ELF& image) {
 // A malloc'ed block holding `b`, with room for ELF::adopt to keep it in place.
 ELFBytes blockOf(const Bytes& b) {
   if (b.empty()) return ELFBytes();
-  auto* data = static_cast<unsigned char*>(std::malloc(b.size() + ELFBytes::kAdoptRoom));
+  auto* data =
+      static_cast<unsigned char*>(std::malloc(b.size() + ELFBytes::adoptRoom(static_cast<uint32_t>(b.size()))));
   std::memcpy(data, b.data(), b.size());
   return ELFBytes(data, static_cast<uint32_t>(b.size()));
 }

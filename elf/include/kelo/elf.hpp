@@ -63,10 +63,13 @@ struct ELFBytes {
   unsigned char* data = nullptr;
   uint32_t size = 0;
 
-  // An image keeps a few bytes of its own beside its file bytes, in the same
-  // block. A block with this much room after its `size` bytes is taken over
-  // by ELF::adopt() where it lies; with less, the block may have to move.
-  static constexpr uint32_t kAdoptRoom = 32;
+  // An image keeps a 16-byte trailer of its own after its file bytes, at
+  // the next multiple of 8, in the same block. A block with adoptRoom(size)
+  // bytes of room after its `size` bytes is taken over by ELF::adopt() where
+  // it lies; with less, the block may have to move. kMaxAdoptRoom is enough
+  // for any size.
+  static constexpr uint32_t adoptRoom(uint32_t size) noexcept { return (8 - size % 8) % 8 + 16; }
+  static constexpr uint32_t kMaxAdoptRoom = 23;
 
   ELFBytes() = default;
   ELFBytes(unsigned char* d, uint32_t n) noexcept : data(d), size(n) {}
@@ -110,7 +113,7 @@ class KELO_EXPORT ELF {
   ~ELF();
 
   // A freshly malloc'ed copy of exactly the bytes the image holds (with
-  // ELFBytes::kAdoptRoom bytes of room after them). An empty optional when
+  // ELFBytes::adoptRoom() bytes of room after them). An empty optional when
   // the image cannot be serialised: when it is empty, or memory runs out.
   // Leaves the image as it was; may be called any number of times.
   absl::optional<ELFBytes> save();
@@ -122,7 +125,7 @@ class KELO_EXPORT ELF {
   static absl::optional<ELF> load(absl::Span<unsigned char const> bytes);
 
   // The same, but the new image takes over the block of `bytes` as its own
-  // storage instead of copying it (for a block with ELFBytes::kAdoptRoom
+  // storage instead of copying it (for a block with ELFBytes::adoptRoom()
   // bytes of room it stays where it is). `bytes` is left empty then. When
   // they do not form an ELF file, or std::bad_alloc is thrown, `bytes` stays
   // as it was.
