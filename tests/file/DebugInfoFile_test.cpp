@@ -199,21 +199,17 @@ TEST_F(DebugInfoFileTest, AnImageThatDoesNotLoadFailsTheWholeRead) {
   EXPECT_EQ(kelo_test::openFds(), fds);
 }
 
-TEST_F(DebugInfoFileTest, WriteFailuresAnswerFalse) {
-  DebugInfoList small = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
-  EXPECT_FALSE(writeList(small, path("no/such/dir/f.kdbg").c_str()));
-  EXPECT_FALSE(kelo_test::isRegularFile(path("no/such/dir/f.kdbg")));
-  EXPECT_FALSE(writeList(small, nullptr));
+// A file that cannot be created, or an empty image (a placeholder: no ELF
+// file), fails the write. The file is closed, and what it had before is
+// gone: it holds at most what came before the empty image.
+TEST_F(DebugInfoFileTest, AFailedWriteClosesAndLeavesTheFileTruncated) {
+  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
+  EXPECT_FALSE(writeList(list, path("no/such/dir/f.kdbg").c_str()));
+  EXPECT_FALSE(writeList(list, nullptr));
   EXPECT_FALSE(readList(nullptr).has_value());
   EXPECT_FALSE(readVersion(nullptr).has_value());
-}
 
-// An empty image (a placeholder: no ELF file) cannot be written. The write
-// fails, the file is closed, and what it had before is gone: it holds at
-// most what came before the empty image.
-TEST_F(DebugInfoFileTest, AFailedWriteClosesAndLeavesTheFileTruncated) {
   put("old.kdbg", Bytes(4096, 'z'));
-  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
   list.entries.emplace(DebugInfoID(1, 2, 0), kelo_debuginfo::RelocELF());
   const int fds = kelo_test::openFds();
   EXPECT_FALSE(writeList(list, path("old.kdbg").c_str()));
@@ -226,7 +222,7 @@ TEST_F(DebugInfoFileTest, AFailedWriteClosesAndLeavesTheFileTruncated) {
   EXPECT_EQ(Bytes(left.begin(), left.begin() + 12), header());
 }
 
-TEST(NormalizeFileName, CollapsesRunsOfSlashesAndNothingElse) {
+TEST_F(DebugInfoFileTest, FileNamesCollapseRunsOfSlashesAndNothingElse) {
   const std::pair<const char*, std::string> cases[] = {{"a///b////c", "a/b/c"},
                                                        {"//x//y", "//x/y"},
                                                        {"///x", "/x"},
@@ -236,9 +232,7 @@ TEST(NormalizeFileName, CollapsesRunsOfSlashesAndNothingElse) {
                                                        {"", ""},
                                                        {"\xff\xfe/\\", "\xff\xfe/\\"}};
   for (const auto& c : cases) EXPECT_EQ(normalizeFileName(c.first), c.second) << c.first;
-}
 
-TEST_F(DebugInfoFileTest, DoubledSlashesNameTheSameFile) {
   DebugInfoList list = listOf({{DebugInfoID(1, 4, 0), {}}});
   ASSERT_TRUE(writeList(list, (dir_.path() + "//same.kdbg").c_str()));
   EXPECT_TRUE(readList(path("same.kdbg").c_str()).has_value());

@@ -130,14 +130,4 @@ TEST(Decoding, LongSequencesAndStringsRoundTripOnEveryKindOfStream) {
   }
 }
 
-TEST(File, MoveTransfersOwnership) {
-  File a(std::tmpfile());
-  std::FILE* stream = a.get();
-  File b(std::move(a));
-  EXPECT_EQ(a.get(), nullptr);
-  EXPECT_EQ(b.get(), stream);
-  EXPECT_TRUE(b.close());
-  EXPECT_FALSE(b);
-}
-
 }  // namespace
