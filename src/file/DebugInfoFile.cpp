@@ -133,17 +133,16 @@ struct Encodable<DebugInfoList::Map> {
   static Res encode(DebugInfoList::Map& entries, Enc& enc) {
     if (!binary::detail::fitsCount(entries.size())) return typename Enc::ErrTy{};
     return enc.emitMap(static_cast<unsigned>(entries.size()), [&entries](Enc& e) -> Res {
-      // Entries lie scattered in memory. While one is written, the next
-      // one's image and first section record are fetched, and the entry
-      // after that.
+      // Entries lie scattered in memory. While one is written, what the
+      // next one's image keeps beside its bytes and its first section record
+      // are fetched, and the entry after that.
       const auto end = entries.end();
       for (auto it = entries.begin(); it != end; ++it) {
         const auto next = std::next(it);
         if (next != end) {
           const auto after = std::next(next);
           if (after != end) __builtin_prefetch(&*after);
-          const absl::Span<unsigned char const> bytes = next->second.elf.bytes();
-          __builtin_prefetch(bytes.data());
+          next->second.elf.prefetch();
           if (!next->second.sectionAddrs.empty()) __builtin_prefetch(&*next->second.sectionAddrs.begin());
         }
         Res r = Encodable<DebugInfoID>::encode(it->first, e);

@@ -357,11 +357,6 @@ struct Decodable<std::unordered_map<K, V, H, Eq, A>> {
   template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
   static Res decodeInto(Dec& dec, Map& map) {
     return dec.readMap([&map](Dec& d, unsigned count) -> Res {
-      // A map of one or two entries gets just the buckets it needs instead
-      // of the first growth step's: its order (the later key first) is the
-      // same for every bucket count. Larger ones grow as they are filled,
-      // so that they iterate as they always have.
-      if (count <= 2) map.reserve(count);
       for (unsigned i = 0; i < count; ++i) {
         auto key = Decodable<K>::decode(d);
         if (!key.isOk()) return typename Dec::ErrTy{};
