@@ -68,7 +68,6 @@ int main(int argc, char** argv) {
   std::vector<std::string> many;
   for (int i = 0; i < 20; ++i) many.push_back(".s" + std::to_string(i % 7));
   save(el + "elf64_be_many", kelo_test::craft({true, true, many}));
-  save(el + "elf32_le_many", kelo_test::craft({false, false, many}));
   Bytes noStrtab = le64;
   noStrtab[noStrtab.size() - 64 + 4] = 1;  // the name table is not a string table
   save(el + "damaged_strtab_type", noStrtab);

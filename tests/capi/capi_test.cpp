@@ -195,37 +195,4 @@ TEST_F(CApi, UpdateConvertsRecordsAndRefusesWholeSets) {
   EXPECT_EQ(keloDbgGetSectionAddr(l, keloDbgID{1, 2}, ".text"), 0x100u);
 }
 
-TEST_F(CApi, FilesRoundTripAndFailCleanly) {
-  TempDir dir;
-  keloDbgList l = threeEntries();
-  const Snapshot before = snapshot(l);
-  const std::string path = dir.file("list.kdi");
-  ASSERT_TRUE(keloDbgWrite(l, path.c_str()));
-  EXPECT_EQ(snapshot(l), before);
-  ListPtr back(keloDbgRead(path.c_str()));
-  ASSERT_NE(back, nullptr);
-  EXPECT_EQ(listOf(back.get()).entries.size(), 3u);
-  for (uint32_t n = 1; n <= 3; ++n) {
-    EXPECT_NE(keloDbgFind(back.get(), keloDbgID{1, n}), nullptr);
-    EXPECT_EQ(keloDbgGetSectionAddr(back.get(), keloDbgID{1, n}, ".text"), 0x100u * n);
-  }
-  uint32_t major = 9, minor = 9, patch = 9;
-  EXPECT_TRUE(keloDbgFileVersion(path.c_str(), &major, &minor, &patch));
-  EXPECT_EQ(std::vector<uint32_t>({major, minor, patch}), std::vector<uint32_t>({1, 1, 2}));
-  EXPECT_TRUE(keloDbgFileVersion(path.c_str(), nullptr, nullptr, nullptr));
-
-  const std::string emptyPath = dir.file("empty.kdi");
-  ASSERT_TRUE(keloDbgWrite(newList(), emptyPath.c_str()));
-  ListPtr empty(keloDbgRead(emptyPath.c_str()));
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(keloDbgIter(empty.get()), nullptr);
-
-  const std::string missing = dir.file("missing.kdi");
-  major = minor = patch = 42;
-  EXPECT_EQ(keloDbgRead(missing.c_str()), nullptr);
-  EXPECT_FALSE(keloDbgFileVersion(missing.c_str(), &major, &minor, &patch));
-  EXPECT_EQ(std::vector<uint32_t>({major, minor, patch}), std::vector<uint32_t>({42, 42, 42}));
-  EXPECT_FALSE(keloDbgWrite(l, dir.file("no/such/dir/list.kdi").c_str()));
-}
-
 }  // namespace

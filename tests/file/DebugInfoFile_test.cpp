@@ -87,32 +87,6 @@ TEST_F(DebugInfoFileTest, WritesTheExactBytesOfTheFormat) {
   EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + 25), (Bytes{0x01, 0x02, 0x00, 0x01, 0x00}));
 }
 
-TEST_F(DebugInfoFileTest, RoundTripKeepsIdentifiersImagesAndAddresses) {
-  std::vector<std::pair<DebugInfoID, Sections>> entries;
-  for (unsigned i = 0; i < 6; ++i) {
-    Sections sections;
-    for (unsigned s = 0; s < i % 3; ++s) sections[".s" + std::to_string(s)] = i * 1000 + s;
-    entries.push_back({DebugInfoID(uint8_t(i % 3 == 2 ? 255 : i % 2), uint16_t(i * 7), uint16_t(i % 5)), sections});
-  }
-  DebugInfoList list = listOf(entries);
-  list.setSectionAddr(entries[0].first, ".constant", 0xFFFFFFFF);
-  entries[0].second[".constant"] = 0xFFFFFFFF;
-  ASSERT_TRUE(writeList(list, path("many.kdbg").c_str()));
-  EXPECT_EQ(list.entries.size(), entries.size());  // writing leaves the list alone
-
-  absl::optional<DebugInfoList> read = readList(path("many.kdbg").c_str());
-  ASSERT_TRUE(read.has_value());
-  ASSERT_EQ(read->entries.size(), entries.size());
-  for (const auto& e : entries) {
-    auto it = read->entries.find(e.first);
-    ASSERT_NE(it, read->entries.end());
-    EXPECT_EQ(it->second.sectionAddrs, e.second);
-    EXPECT_EQ(it->second.elf.sectionNames(), list.find(e.first)->sectionNames());
-    // Reading does not stamp identifiers; the double's load leaves none.
-    EXPECT_FALSE(it->second.elf.debugInfoID.has_value());
-  }
-}
-
 TEST_F(DebugInfoFileTest, EveryOneDotOneVersionIsReadOthersOnlyReported) {
   const Bytes body = le(8, 1) + entry(DebugInfoID(0, 9, 0), imageBytes({".a"}));
   for (const Bytes& h : {header(1, 1, 7), header(1, 1, 2, 0xFF)}) {
