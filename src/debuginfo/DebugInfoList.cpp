@@ -20,15 +20,16 @@ static_assert(noexcept(std::declval<const DebugInfoID&>() == std::declval<const 
 static_assert(std::is_nothrow_copy_assignable<decltype(kelo_elf::ELF::debugInfoID)>::value,
               "stamping an image must not throw");
 
-// The identifiers that a renumbering names and the roles each plays in it
-// (old, new), in one flat open-addressing table: one allocation, no node per
-// identifier.
+// The identifiers that a renumbering deals with and the roles each plays:
+// old or new in a pair, filed in the list. One flat open-addressing table:
+// one allocation, no node per identifier.
 class RenumberingRoles {
  public:
-  enum Role : uint8_t { kOld = 1, kNew = 2 };
+  enum Role : uint8_t { kOld = 1, kNew = 2, kFiled = 4 };
 
-  // Room for the identifiers of `pairs` pairs, at most half of the slots used.
-  explicit RenumberingRoles(std::size_t pairs) : slots_(capacityFor(pairs)), mask_(slots_.size() - 1) {}
+  // Room for `ids` identifiers, at most half of the slots used. (Far fewer
+  // than SIZE_MAX / 4: no overflow.)
+  explicit RenumberingRoles(std::size_t ids) : slots_(capacityFor(ids)), mask_(slots_.size() - 1) {}
 
   // Starts fetching the slot of `id`, to be marked soon.
   void prefetch(const DebugInfoID& id) const { __builtin_prefetch(&slots_[id.hash() & mask_]); }
@@ -48,10 +49,9 @@ class RenumberingRoles {
     uint8_t roles = 0;  // 0: a free slot
   };
 
-  // (A span of pairs is far smaller than SIZE_MAX / 8: no overflow.)
-  static std::size_t capacityFor(std::size_t pairs) {
+  static std::size_t capacityFor(std::size_t ids) {
     std::size_t capacity = 8;
-    while (capacity < 4 * pairs) capacity *= 2;
+    while (capacity < 2 * ids) capacity *= 2;
     return capacity;
   }
 
@@ -66,6 +66,9 @@ class RenumberingRoles {
   std::vector<Slot> slots_;
   std::size_t mask_;
 };
+
+// Slots are fetched this many pairs ahead of their use.
+constexpr std::size_t kAhead = 8;
 
 }  // namespace
 
@@ -101,26 +104,30 @@ void DebugInfoList::clear() {
 }
 
 bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
-  // Checks first, with nothing changed: the four refusals.
-  RenumberingRoles roles(ids.size());
-  std::vector<Map::iterator> sources;
-  sources.reserve(ids.size());
-  constexpr std::size_t kAhead = 8;  // slots fetched ahead of their use
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    const DebugInfoNewID& pair = ids[i];
-    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].oldID);
-    if (roles.mark(pair.oldID, RenumberingRoles::kOld) & RenumberingRoles::kOld) return false;  // an old one twice
-    auto source = entries.find(pair.oldID);
-    if (source == entries.end()) return false;  // an old identifier not filed
-    sources.push_back(source);
+  // Checks first, with nothing changed: the four refusals. Whether an
+  // identifier is filed is asked of the map for each pair when the pairs are
+  // few; when they name a good part of the list, one walk over the list
+  // notes every filed identifier in the table instead, which costs less
+  // than two lookups a pair.
+  const bool walk = ids.size() * 4 >= entries.size();
+  RenumberingRoles roles(2 * ids.size() + (walk ? entries.size() : 0));
+  if (walk) {
+    for (const auto& entry : entries) roles.mark(entry.first, RenumberingRoles::kFiled);
   }
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    const DebugInfoNewID& pair = ids[i];
+    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].oldID);
+    const uint8_t had = roles.mark(ids[i].oldID, RenumberingRoles::kOld);
+    if (had & RenumberingRoles::kOld) return false;  // an old identifier twice
+    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].oldID) != 0;
+    if (!filed) return false;  // an old identifier not filed
+  }
+  for (std::size_t i = 0; i < ids.size(); ++i) {
     if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].newID);
-    const uint8_t had = roles.mark(pair.newID, RenumberingRoles::kNew);
+    const uint8_t had = roles.mark(ids[i].newID, RenumberingRoles::kNew);
     if (had & RenumberingRoles::kNew) return false;  // a new identifier twice
-    // Taken by an entry that keeps its identifier.
-    if (!(had & RenumberingRoles::kOld) && entries.find(pair.newID) != entries.end()) return false;
+    if (had & RenumberingRoles::kOld) continue;      // its entry moves away
+    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].newID) != 0;
+    if (filed) return false;  // held by an entry that keeps its identifier
   }
 
   // Re-keying. The renumbered entries' nodes are taken out of the map, given
@@ -132,7 +139,7 @@ bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
   // collision. This step cannot fail.
   std::vector<Map::node_type> nodes;
   nodes.reserve(ids.size());
-  for (std::size_t i = 0; i < ids.size(); ++i) nodes.push_back(entries.extract(sources[i]));
+  for (const DebugInfoNewID& pair : ids) nodes.push_back(entries.extract(pair.oldID));
   for (std::size_t i = 0; i < ids.size(); ++i) {
     Map::node_type& node = nodes[i];
     node.key() = ids[i].newID;

@@ -48,6 +48,8 @@ class UpdateTest : public ::testing::Test {
 
   bool update(std::vector<DebugInfoNewID> pairs) { return list.update(pairs); }
 
+  void refusalsAndOneSuccess();
+
   DebugInfoList list;
 };
 
@@ -94,8 +96,16 @@ TEST_F(UpdateTest, ExchangesChainsAndIdentityApplyAtOnceAndStamp) {
 
 // Every reason for refusal, alone and hidden behind valid pairs: the list,
 // its images, their identifiers and addresses, and every pointer stay as
-// they were.
+// they were. With few pairs in a long list the checks ask the map; with many
+// pairs for the list's size they walk it: both ways.
 TEST_F(UpdateTest, RefusalsLeaveEverythingAsItWas) {
+  for (uint16_t n = 0x100; n < 0x100 + 40; ++n) put(DebugInfoID(0, n, 0), ".other" + std::to_string(n), n);
+  refusalsAndOneSuccess();
+  list.clear();
+  refusalsAndOneSuccess();
+}
+
+void UpdateTest::refusalsAndOneSuccess() {
   put(A, ".a", 1);
   put(B, ".b", 2);
   put(C, ".c", 3);
