@@ -27,7 +27,7 @@ namespace {
 
 using orvel_lib::serialize::ByteReader;
 
-// Values of the ELF specification that loading needs.
+// Values of the ELF format that loading needs.
 constexpr unsigned char kMagic[4] = {0x7f, 'E', 'L', 'F'};
 constexpr unsigned kIdentSize = 16;
 constexpr unsigned char kClass32 = 1, kClass64 = 2;
