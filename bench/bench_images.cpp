@@ -33,11 +33,11 @@ std::vector<unsigned char> makeElf(bool is64, std::size_t total, const std::vect
   strtab += '\0';
 
   const std::size_t shnum = names.size() + 2;  // null section, names, .shstrtab
-  const std::size_t fixed = s.ehdr + kFiller * (names.size() - 1) + strtab.size();
+  const std::size_t fixed = s.ehdr + kFiller * (names.empty() ? 0 : names.size() - 1) + strtab.size();
   const std::size_t tableSize = shnum * s.shdr;
-  // The big section needs room for a stamp (4 bytes); the section header
-  // table closes the file.
-  if (bigIndex >= names.size() || total < fixed + 4 + tableSize) return {};
+  // The big section (or the filler) needs room for a stamp (4 bytes); the
+  // section header table closes the file.
+  if ((!names.empty() && bigIndex >= names.size()) || total < fixed + 4 + tableSize) return {};
   const std::size_t shoff = total - tableSize;
   const std::size_t bigSize = shoff - fixed;
 
@@ -67,6 +67,7 @@ std::vector<unsigned char> makeElf(bool is64, std::size_t total, const std::vect
     put(b, h + 8 + 3 * s.addr, size, w);  // sh_size
     put(b, h + 16 + 4 * s.addr, 1, w);    // sh_addralign
   };
+  if (names.empty()) offset += bigSize;
   for (std::size_t i = 0; i < names.size(); ++i) {
     const std::size_t size = i == bigIndex ? bigSize : kFiller;
     const bool text = names[i] == ".text";

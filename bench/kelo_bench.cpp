@@ -1,13 +1,26 @@
 // kelo_bench: how close writing and reading a debug-info file comes to what
-// the machine can do, how it compares with a general serialisation library,
-// and what the list costs over the bare standard map underneath it.
+// the machine can do and to a general serialisation library (cereal's
+// binary archive), what renumbering costs over the bare standard map, and how
+// much memory reading, creating and checking files take.
 //
-// Every figure is measured in one run, interleaved with its references
-// (round after round, each case once per round, starting case rotated), after
-// warm-up rounds; the median of the rounds is reported. Only the operation
-// itself is timed: building inputs and destroying results are not.
+// Google Benchmark drives the timed rows. In every iteration of a row each
+// of its cases (ours and its peers) runs once, in an order rotated from one
+// iteration to the next, so that a machine busy with other work slows them
+// alike; the medians of the cases' times give the ratios of the summary
+// table printed at the end. The memory rows run first, each in a child
+// process started while this one is still small, and report its peak
+// resident memory (getrusage's ru_maxrss).
 //
-//   kelo_bench [--quick] [--rounds N] [--dir DIR] [--only W1|W2|memory] [--ours-only]
+//   kelo_bench [--quick] [Google Benchmark flags]
+//
+// --quick (or KELO_BENCH_QUICK=1) shrinks every workload so that the whole
+// run takes well under a minute. Files go to KELO_BENCH_DIR (default /tmp)
+// and are removed at the end. The kelodbg rows need the tool: built in the
+// same tree, or named by KELO_BENCH_KELODBG.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,17 +31,19 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <random>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "bench_images.h"
+#include "capi/handles.h"
 #include "cereal/archives/binary.hpp"
 #include "cereal/types/string.hpp"
 #include "cereal/types/unordered_map.hpp"
 #include "cereal/types/vector.hpp"
+#include "file/format.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
 #include "kelo/elf.h"
@@ -40,11 +55,8 @@ using kelo_debuginfo::DebugInfoList;
 using kelo_debuginfo::DebugInfoNewID;
 using kelo_debuginfo::RelocELF;
 using kelo_elf::DebugInfoID;
+using Bytes = std::vector<unsigned char>;
 using Clock = std::chrono::steady_clock;
-
-// For profiling: run only our own cases (the first of each interleaved set);
-// the references are skipped and show as 0.
-bool g_oursOnly = false;
 
 [[noreturn]] void die(const std::string& what) {
   std::fprintf(stderr, "kelo_bench: %s\n", what.c_str());
@@ -53,137 +65,82 @@ bool g_oursOnly = false;
 
 double since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
+struct Options {
+  bool quick = false;
+  std::string dir = "/tmp";
+  std::string kelodbg;
+};
+Options g_options;
+
+std::string tempPath(const std::string& tag) {
+  return g_options.dir + "/kelo_bench_" + std::to_string(getpid()) + "_" + tag;
+}
+std::vector<std::string> g_files;  // removed at the end
+std::string newFile(const std::string& tag) {
+  g_files.push_back(tempPath(tag));
+  return g_files.back();
+}
+
+Bytes readWhole(const std::string& path) {
+  Bytes out;
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) die("cannot open " + path);
+  unsigned char buf[1 << 16];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
+  std::fclose(f);
+  return out;
+}
+
+void writeWhole(const std::string& path, const Bytes& bytes) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (f == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size() || std::fclose(f) != 0)
+    die("cannot write " + path);
+}
+
+DebugInfoID idOf(std::size_t i) {
+  const uint32_t n = static_cast<uint32_t>(i + 1);
+  return DebugInfoID(1, static_cast<uint16_t>(n & 0xffff), static_cast<uint16_t>(n >> 16));
+}
+
+// ---- Samples and the summary ----
+
+// Seconds per run of each case, by row and case name.
+std::map<std::string, std::map<std::string, std::vector<double>>> g_samples;
+
 double median(std::vector<double> v) {
+  if (v.empty()) return 0;
   std::sort(v.begin(), v.end());
   const std::size_t n = v.size();
   return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
+double medianOf(const std::string& row, const std::string& name) { return median(g_samples[row][name]); }
 
-// One timed case: `run` does its own untimed preparation and clean-up and
-// returns the seconds of the operation alone.
+// One case of a row: runs once and returns the seconds of the operation
+// alone (it prepares and cleans up untimed).
 struct Case {
   std::string name;
   std::function<double()> run;
 };
 
-// Runs every case once per round, warm-up rounds first; returns the median
-// seconds of each case over the measured rounds.
-std::vector<double> interleave(const std::vector<Case>& cases, int warmup, int rounds) {
-  std::vector<std::vector<double>> times(cases.size());
-  for (int r = -warmup; r < rounds; ++r) {
-    const std::size_t start = static_cast<std::size_t>(r + warmup) % cases.size();
+// One benchmark iteration of a row: every case once, starting with another
+// one each time; Google Benchmark gets our time.
+void runRow(benchmark::State& state, const std::string& row, const std::vector<Case>& cases) {
+  std::size_t start = 0;
+  for (auto _ : state) {
+    double ours = 0;
     for (std::size_t k = 0; k < cases.size(); ++k) {
-      const std::size_t i = (start + k) % cases.size();
-      if (g_oursOnly && i != 0) {
-        if (r >= 0) times[i].push_back(0);
-        continue;
-      }
-      const double t = cases[i].run();
-      if (r >= 0) times[i].push_back(t);
+      const Case& c = cases[(start + k) % cases.size()];
+      const double t = c.run();
+      g_samples[row][c.name].push_back(t);
+      if (c.name == "ours") ours = t;
     }
-  }
-  std::vector<double> med;
-  for (const auto& t : times) med.push_back(median(t));
-  return med;
-}
-
-// ---- Report ----
-
-struct Row {
-  std::string label;
-  double ours;                                       // seconds
-  std::vector<std::pair<std::string, double>> refs;  // reference name, seconds
-};
-
-struct Target {
-  std::string what;
-  double value;  // measured ratio
-  double bound;
-  bool atLeast;  // value >= bound passes (else value <= bound)
-};
-
-std::vector<Row> g_rows;
-std::vector<Target> g_targets;
-
-void printRows() {
-  std::printf("\n%-34s %10s  %s\n", "figure", "ours ms", "reference: ms, ratio");
-  for (const Row& row : g_rows) {
-    std::printf("%-34s %10.2f ", row.label.c_str(), row.ours * 1e3);
-    for (const auto& ref : row.refs) {
-      std::printf(" | %s %.2f ms x%.2f", ref.first.c_str(), ref.second * 1e3, ref.second / row.ours);
-    }
-    std::printf("\n");
+    state.SetIterationTime(ours);
+    ++start;
   }
 }
 
-void printTargets() {
-  std::printf("\n%-58s %8s %8s  %s\n", "target", "measured", "bound", "result");
-  for (const Target& t : g_targets) {
-    const bool pass = t.atLeast ? t.value >= t.bound : t.value <= t.bound;
-    std::printf("%-58s %8.2f %6s%.2f  %s\n", t.what.c_str(), t.value, t.atLeast ? ">=" : "<=", t.bound,
-                pass ? "PASS" : "MISS");
-  }
-}
-
-// ---- Files ----
-
-struct Options {
-  bool quick = false;
-  int rounds = 7;
-  int warmup = 2;
-  std::string dir = "/tmp";
-  std::string only;  // W1, W2 or memory; empty for all
-};
-
-std::string tempPath(const Options& o, const char* tag) {
-  return o.dir + "/kelo_bench_" + std::to_string(getpid()) + "_" + tag;
-}
-
-std::vector<unsigned char> slurp(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) die("cannot open " + path);
-  std::vector<unsigned char> bytes;
-  unsigned char buf[1 << 16];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-  std::fclose(f);
-  return bytes;
-}
-
-// Where each entry of a debug-info file lies: the 13-byte head (identifier
-// and image length), the image, and the section block (count and records).
-struct EntrySpan {
-  std::size_t head, image, imageSize, sections, end;
-};
-
-uint64_t le(const std::vector<unsigned char>& b, std::size_t at, unsigned width) {
-  if (at + width > b.size()) die("debug-info file ends early");
-  uint64_t v = 0;
-  for (unsigned i = 0; i < width; ++i) v |= uint64_t{b[at + i]} << (8 * i);
-  return v;
-}
-
-std::vector<EntrySpan> splitFile(const std::vector<unsigned char>& b) {
-  std::vector<EntrySpan> spans;
-  const uint64_t count = le(b, 12, 8);
-  std::size_t at = 20;
-  for (uint64_t i = 0; i < count; ++i) {
-    EntrySpan s;
-    s.head = at;
-    s.imageSize = le(b, at + 5, 8);
-    s.image = at + 13;
-    s.sections = s.image + s.imageSize;
-    const uint64_t records = le(b, s.sections, 8);
-    at = s.sections + 8;
-    for (uint64_t r = 0; r < records; ++r) at += 8 + le(b, at, 8) + 4;
-    s.end = at;
-    spans.push_back(s);
-  }
-  if (at != b.size()) die("debug-info file has trailing bytes");
-  return spans;
-}
-
-// ---- The same data for cereal ----
+// ---- File workloads: our list, and the same data for cereal ----
 
 struct CId {
   uint8_t kind = 0;
@@ -207,474 +164,489 @@ struct CEntry {
 };
 using CMap = std::unordered_map<CId, CEntry, CIdHash>;
 
-// ---- File workloads ----
-
 struct FileWorkload {
-  const char* name;
+  FileWorkload(std::string n, bool elf64, std::size_t count, std::size_t size, std::vector<std::string> sections,
+               std::vector<std::string> addrs)
+      : name(std::move(n)),
+        is64(elf64),
+        entries(count),
+        imageSize(size),
+        sectionNames(std::move(sections)),
+        addrNames(std::move(addrs)) {}
+
+  std::string name;
   bool is64;
   std::size_t entries;
   std::size_t imageSize;
   std::vector<std::string> sectionNames;  // sections of every image
-  std::size_t bigIndex;
-  std::vector<std::string> addrNames;  // section addresses recorded per entry
-};
+  std::vector<std::string> addrNames;     // section addresses recorded per entry
 
-DebugInfoID idOf(std::size_t i) {
-  const uint32_t n = static_cast<uint32_t>(i + 1);
-  return DebugInfoID(1, static_cast<uint16_t>(n & 0xffff), static_cast<uint16_t>(n >> 16));
-}
-
-void runFileWorkload(const FileWorkload& w, const Options& o) {
-  std::printf("%s: %zu entries, %zu-byte ELF%d images, %zu section addresses each\n", w.name, w.entries, w.imageSize,
-              w.is64 ? 64 : 32, w.addrNames.size());
-  std::fflush(stdout);
-  const std::vector<unsigned char> base = kelo_bench::makeElf(w.is64, w.imageSize, w.sectionNames, w.bigIndex);
-  if (base.empty()) die("cannot lay out the benchmark image");
-
-  // Our list, built through the C interface as a caller would; and the same
-  // data for cereal.
-  keloDbgList list = keloDbgAlloc();
+  // Built on first use.
+  keloDbgList list = nullptr;
   CMap cmap;
-  cmap.max_load_factor(1.0f);
-  for (std::size_t i = 0; i < w.entries; ++i) {
-    std::vector<unsigned char> bytes = base;
-    kelo_bench::stampElf(bytes, w.is64, w.bigIndex, static_cast<uint32_t>(i));
-    keloElf* image = keloElfLoad(bytes.data(), bytes.size());
-    if (image == nullptr) die("the benchmark image does not load");
-    const DebugInfoID id = idOf(i);
-    if (keloDbgAdd(list, image, id.lo, id.hi) == nullptr) die("keloDbgAdd failed");
-    keloElfFree(image);
-    CEntry& ce = cmap[CId{id.kind, id.lo, id.hi}];
-    ce.image = std::move(bytes);
-    for (std::size_t k = 0; k < w.addrNames.size(); ++k) {
-      const uint32_t addr = static_cast<uint32_t>(0x1000 * (k + 1) + i);
-      keloDbgSetSectionAddr(list, keloDbgID{1, id.number()}, w.addrNames[k].c_str(), addr);
-      ce.sections[w.addrNames[k]] = addr;
+  std::string ours, limit, cereal;  // file paths
+  Bytes fileBytes;                  // our file: what the limit writes
+  Bytes readBuffer;                 // where the limit reads, touched beforehand
+
+  void build() {
+    if (list != nullptr) return;
+    const Bytes base = kelo_bench::makeElf(is64, imageSize, sectionNames, 1);
+    if (base.empty()) die("cannot lay out the benchmark image");
+    // Our list built through the C interface as a caller would.
+    list = keloDbgAlloc();
+    cmap.max_load_factor(1.0f);
+    for (std::size_t i = 0; i < entries; ++i) {
+      Bytes bytes = base;
+      kelo_bench::stampElf(bytes, is64, 1, static_cast<uint32_t>(i));
+      keloElf* image = keloElfLoad(bytes.data(), bytes.size());
+      const DebugInfoID id = idOf(i);
+      if (image == nullptr || keloDbgAdd(list, image, id.lo, id.hi) == nullptr) die("cannot add an image");
+      keloElfFree(image);
+      CEntry& ce = cmap[CId{id.kind, id.lo, id.hi}];
+      ce.image = std::move(bytes);
+      for (std::size_t k = 0; k < addrNames.size(); ++k) {
+        const uint32_t addr = static_cast<uint32_t>(0x1000 * (k + 1) + i);
+        keloDbgSetSectionAddr(list, keloDbgID{1, id.number()}, addrNames[k].c_str(), addr);
+        ce.sections[addrNames[k]] = addr;
+      }
     }
+    ours = newFile(name + ".kdbg");
+    limit = newFile(name + ".limit");
+    cereal = newFile(name + ".cereal");
+    if (!keloDbgWrite(list, ours.c_str())) die("keloDbgWrite failed");
+    fileBytes = readWhole(ours);
+    readBuffer.assign(fileBytes.size(), 1);
+    writeWhole(limit, fileBytes);
+    writeCereal();
   }
-  for (std::size_t k = 0; k < w.addrNames.size(); ++k) {
-    if (keloDbgGetSectionAddr(list, keloDbgID{1, 1}, w.addrNames[k].c_str()) != 0x1000 * (k + 1))
-      die("section address " + w.addrNames[k] + " was not recorded");
-  }
 
-  const std::string ourPath = tempPath(o, "ours.dbg");
-  const std::string onePath = tempPath(o, "one.bin");
-  const std::string stdioPath = tempPath(o, "stdio.bin");
-  const std::string cerealPath = tempPath(o, "cereal.bin");
-
-  // The reference bytes are exactly the file we write.
-  if (!keloDbgWrite(list, ourPath.c_str())) die("keloDbgWrite failed");
-  std::vector<unsigned char> fileBytes = slurp(ourPath);
-  const std::vector<EntrySpan> spans = splitFile(fileBytes);
-  if (spans.size() != w.entries) die("the written file holds the wrong number of entries");
-  std::vector<unsigned char> readBuf(fileBytes.size(), 1);  // touched once, reused
-  const std::size_t total = fileBytes.size();
-
-  auto writeOne = [&]() {
+  double writeOurs() {
     const auto t0 = Clock::now();
-    std::FILE* f = std::fopen(onePath.c_str(), "wb");
-    if (f == nullptr || std::fwrite(fileBytes.data(), 1, total, f) != total) die("one-call write failed");
+    if (!keloDbgWrite(list, ours.c_str())) die("keloDbgWrite failed");
+    return since(t0);
+  }
+  double writeLimit() {
+    const auto t0 = Clock::now();
+    std::FILE* f = std::fopen(limit.c_str(), "wb");
+    if (f == nullptr || std::fwrite(fileBytes.data(), 1, fileBytes.size(), f) != fileBytes.size())
+      die("one-call write failed");
     std::fclose(f);
     return since(t0);
-  };
-  auto writeStdio = [&]() {
-    const auto t0 = Clock::now();
-    std::FILE* f = std::fopen(stdioPath.c_str(), "wb");
-    if (f == nullptr) die("cannot create " + stdioPath);
-    bool ok = std::fwrite(fileBytes.data(), 1, 20, f) == 20;
-    for (const EntrySpan& s : spans) {
-      ok = ok && std::fwrite(&fileBytes[s.head], 1, 13, f) == 13;
-      ok = ok && std::fwrite(&fileBytes[s.image], 1, s.imageSize, f) == s.imageSize;
-      ok = ok && std::fwrite(&fileBytes[s.sections], 1, s.end - s.sections, f) == s.end - s.sections;
-    }
-    std::fclose(f);
-    if (!ok) die("stdio write failed");
-    return since(t0);
-  };
-  auto writeCereal = [&]() {
+  }
+  double writeCereal() {
     const auto t0 = Clock::now();
     {
-      std::ofstream os(cerealPath, std::ios::binary | std::ios::trunc);
+      std::ofstream os(cereal, std::ios::binary | std::ios::trunc);
       cereal::BinaryOutputArchive ar(os);
       ar(cmap);
     }
     return since(t0);
-  };
-  // The floor set by memory alone: visit every entry in the order the writer
-  // does (the map's), touching the identifier, the image and every section
-  // record, with no I/O. A list handle is a DebugInfoList.
-  const DebugInfoList& listObj = *reinterpret_cast<const DebugInfoList*>(list);
-  volatile uint64_t walkSink = 0;
-  auto walk = [&]() {
+  }
+  double readOurs() {
     const auto t0 = Clock::now();
-    uint64_t acc = 0;
-    for (const auto& entry : listObj.entries) {
-      acc += entry.first.number() + entry.second.elf.size();
-      for (const auto& sec : entry.second.sectionAddrs) acc += sec.first.size() + sec.second;
-    }
+    keloDbgList back = keloDbgRead(ours.c_str());
     const double t = since(t0);
-    walkSink = walkSink + acc;
+    if (back == nullptr || kelo_handles::toList(back)->entries.size() != entries) die("keloDbgRead lost entries");
+    keloDbgFree(back);
     return t;
-  };
-  auto writeOurs = [&]() {
+  }
+  double readLimit() {
     const auto t0 = Clock::now();
-    if (!keloDbgWrite(list, ourPath.c_str())) die("keloDbgWrite failed");
-    return since(t0);
-  };
-
-  auto readOne = [&]() {
-    const auto t0 = Clock::now();
-    std::FILE* f = std::fopen(onePath.c_str(), "rb");
-    if (f == nullptr || std::fread(readBuf.data(), 1, total, f) != total) die("one-call read failed");
+    std::FILE* f = std::fopen(limit.c_str(), "rb");
+    if (f == nullptr || std::fread(readBuffer.data(), 1, readBuffer.size(), f) != readBuffer.size())
+      die("one-call read failed");
     std::fclose(f);
     return since(t0);
-  };
-  auto readStdio = [&]() {
-    const auto t0 = Clock::now();
-    std::FILE* f = std::fopen(stdioPath.c_str(), "rb");
-    if (f == nullptr) die("cannot open " + stdioPath);
-    bool ok = std::fread(readBuf.data(), 1, 20, f) == 20;
-    for (const EntrySpan& s : spans) {
-      ok = ok && std::fread(&readBuf[s.head], 1, 13, f) == 13;
-      ok = ok && std::fread(&readBuf[s.image], 1, s.imageSize, f) == s.imageSize;
-      ok = ok && std::fread(&readBuf[s.sections], 1, s.end - s.sections, f) == s.end - s.sections;
-    }
-    std::fclose(f);
-    if (!ok) die("stdio read failed");
-    return since(t0);
-  };
-  std::size_t cerealRead = 0;
-  auto readCereal = [&]() {
+  }
+  double readCereal() {
     auto* m = new CMap;
     const auto t0 = Clock::now();
     {
-      std::ifstream is(cerealPath, std::ios::binary);
+      std::ifstream is(cereal, std::ios::binary);
       cereal::BinaryInputArchive ar(is);
       ar(*m);
     }
     const double t = since(t0);
-    cerealRead = m->size();
+    if (m->size() != entries) die("cereal lost entries");
     delete m;
     return t;
-  };
-  std::size_t oursRead = 0;
-  auto readOurs = [&]() {
-    const auto t0 = Clock::now();
-    keloDbgList back = keloDbgRead(ourPath.c_str());
-    const double t = since(t0);
-    if (back == nullptr) die("keloDbgRead failed");
-    oursRead = 0;
-    for (keloDbgIterator it = keloDbgIter(back); it != nullptr;) {
-      ++oursRead;
-      if (!keloDbgIterNext(it)) {
-        keloDbgIterFree(it);
-        break;
-      }
-    }
-    keloDbgFree(back);
-    return t;
-  };
+  }
+};
 
-  // Writes first: the reads need every file in place.
-  std::vector<double> wr = interleave(
-      {{"ours", writeOurs}, {"one call", writeOne}, {"stdio x3", writeStdio}, {"cereal", writeCereal}, {"walk", walk}},
-      o.warmup, o.rounds);
-  if (!g_oursOnly && (slurp(onePath) != fileBytes || slurp(stdioPath) != fileBytes))
-    die("reference files differ from ours");
-  std::vector<double> rd = interleave(
-      {{"ours", readOurs}, {"one call", readOne}, {"stdio x3", readStdio}, {"cereal", readCereal}}, o.warmup, o.rounds);
-  if (!g_oursOnly && readBuf != fileBytes) die("reference reads differ from the file");
-  if (oursRead != w.entries || (!g_oursOnly && cerealRead != w.entries)) die("a read lost entries");
+std::vector<std::string> w1Sections() {
+  return {".text", ".data", ".rodata", ".bss", ".comment", ".note.GNU-stack", ".debug_info", ".debug_line"};
+}
 
-  const double mib = static_cast<double>(total) / (1 << 20);
-  std::printf("  file %.1f MiB (cereal's %.1f MiB); ours: write %.0f MiB/s, read %.0f MiB/s\n", mib,
-              g_oursOnly ? 0.0 : static_cast<double>(slurp(cerealPath).size()) / (1 << 20), mib / wr[0], mib / rd[0]);
-  g_rows.push_back({std::string(w.name) + " write (keloDbgWrite)",
-                    wr[0],
-                    {{"one call", wr[1]}, {"stdio x3", wr[2]}, {"cereal", wr[3]}, {"walk", wr[4]}}});
-  g_rows.push_back({std::string(w.name) + " read (keloDbgRead)",
-                    rd[0],
-                    {{"one call", rd[1]}, {"stdio x3", rd[2]}, {"cereal", rd[3]}}});
+FileWorkload g_w1{
+    "W1",      true,         2000,
+    64 * 1024, w1Sections(), {".text", ".data", ".rodata", ".bss", ".comment", ".debug_info", ".debug_line", ".local"}};
+FileWorkload g_w2{"W2", false, 100000, 256, {".text", ".data"}, {".text", ".data"}};
 
-  const std::string n = w.name;
-  if (n == "W1") {
-    g_targets.push_back({"W1 write throughput / one-call write", wr[1] / wr[0], 0.6, true});
-    g_targets.push_back({"W1 write throughput / cereal", wr[3] / wr[0], 1.4, true});
-    g_targets.push_back({"W1 read throughput / one-call read", rd[1] / rd[0], 0.6, true});
-    g_targets.push_back({"W1 read throughput / cereal", rd[3] / rd[0], 2.0, true});
+void fileRows(benchmark::State& state, FileWorkload* w, bool write) {
+  w->build();
+  const std::string row = w->name + (write ? " write" : " read");
+  if (write) {
+    runRow(state, row,
+           {{"ours", [w] { return w->writeOurs(); }},
+            {"limit", [w] { return w->writeLimit(); }},
+            {"cereal", [w] { return w->writeCereal(); }}});
+    if (readWhole(w->ours) != w->fileBytes) die("a write changed the file's bytes");
   } else {
-    g_targets.push_back({"W2 write throughput / one-call write", wr[1] / wr[0], 0.2, true});
-    g_targets.push_back({"W2 write throughput / cereal", wr[3] / wr[0], 3.0, true});
-    g_targets.push_back({"W2 read throughput / cereal", rd[3] / rd[0], 1.5, true});
+    runRow(state, row,
+           {{"ours", [w] { return w->readOurs(); }},
+            {"limit", [w] { return w->readLimit(); }},
+            {"cereal", [w] { return w->readCereal(); }}});
   }
-
-  keloDbgFree(list);
-  for (const std::string& p : {ourPath, onePath, stdioPath, cerealPath}) std::remove(p.c_str());
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * w->fileBytes.size()));
 }
 
-// ---- In-memory workloads ----
+// ---- Renumbering every entry, against a bare re-key of the same map ----
 
-using BareMap = std::unordered_map<DebugInfoID, RelocELF>;
-
-BareMap newBare() {
-  BareMap m;
-  m.max_load_factor(1.0f);
-  return m;
-}
-
-void runMemory(std::size_t n, const Options& o) {
-  std::printf("memory: %zu entries, 256-byte ELF32 images\n", n);
-  std::fflush(stdout);
-  const std::vector<std::string> names = {".text", ".data"};
-  std::vector<unsigned char> base = kelo_bench::makeElf(false, 256, names, 1);
-  std::vector<kelo_elf::ELF> pool;  // images that the add cases move in and back out
-  std::vector<keloElf*> cImages;    // the caller's images for keloDbgAdd
-  std::vector<DebugInfoID> ids;
-  for (std::size_t i = 0; i < n; ++i) {
-    kelo_bench::stampElf(base, false, 1, static_cast<uint32_t>(i));
-    auto image = kelo_elf::ELF::load(absl::MakeConstSpan(base));
-    if (!image) die("the benchmark image does not load");
-    pool.push_back(std::move(*image));
-    cImages.push_back(keloElfLoad(base.data(), base.size()));
-    ids.push_back(idOf(i));
-  }
-
-  // Returns the images of `entries` to the pool, untimed.
-  auto giveBack = [&](auto& entries) {
+void updateRow(benchmark::State& state, std::size_t n) {
+  // Every case runs on the one list: the bare re-key works on the list's own
+  // map (its public `entries`), so both see the same nodes in the same memory.
+  static DebugInfoList list;
+  static std::vector<DebugInfoNewID> up, down;
+  static bool isUp = false;
+  if (list.entries.empty()) {
+    const Bytes base = kelo_bench::makeElf(false, 256, {".text", ".data"}, 1);
     for (std::size_t i = 0; i < n; ++i) {
-      auto it = entries.find(ids[i]);
-      if (it == entries.end()) die("an entry went missing");
-      pool[i] = std::move(it->second.elf);
+      absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(base);
+      if (!image) die("the benchmark image does not load");
+      list.add(idOf(i), std::move(*image));
+      const uint32_t moved = idOf(i).number() + static_cast<uint32_t>(n);
+      const DebugInfoID to(1, static_cast<uint16_t>(moved & 0xffff), static_cast<uint16_t>(moved >> 16));
+      up.push_back({idOf(i), to});
+      down.push_back({to, idOf(i)});
     }
-  };
-
-  // add: n new entries into an empty list / bare map.
-  auto addClass = [&]() {
-    DebugInfoList list;
-    list.entries.max_load_factor(1.0f);
-    const auto t0 = Clock::now();
-    for (std::size_t i = 0; i < n; ++i) list.add(ids[i], std::move(pool[i]));
-    const double t = since(t0);
-    giveBack(list.entries);
-    return t;
-  };
-  auto addBare = [&]() {
-    BareMap m = newBare();
-    const auto t0 = Clock::now();
-    for (std::size_t i = 0; i < n; ++i) m.try_emplace(ids[i], std::move(pool[i]));
-    const double t = since(t0);
-    giveBack(m);
-    return t;
-  };
-  auto addC = [&]() {
-    keloDbgList list = keloDbgAlloc();
-    const auto t0 = Clock::now();
-    for (std::size_t i = 0; i < n; ++i) {
-      if (keloDbgAdd(list, cImages[i], ids[i].lo, ids[i].hi) == nullptr) die("keloDbgAdd failed");
-    }
-    const double t = since(t0);
-    keloDbgFree(list);
-    return t;
-  };
-  std::vector<double> add = interleave({{"class", addClass}, {"bare", addBare}, {"C", addC}}, o.warmup, o.rounds);
-  g_rows.push_back({"add (DebugInfoList::add)", add[0], {{"bare map", add[1]}}});
-  g_rows.push_back({"add (keloDbgAdd, copies image)", add[2], {{"bare map", add[1]}, {"class add", add[0]}}});
-
-  // find: n lookups in shuffled order on a full list / bare map.
-  std::vector<DebugInfoID> order = ids;
-  std::shuffle(order.begin(), order.end(), std::mt19937(42));
-  DebugInfoList full;
-  full.entries.max_load_factor(1.0f);
-  // Every lookup and renumbering runs on this one list: the bare figures use
-  // its map directly (the list's public `entries`), the C figures its handle
-  // (a list handle is a DebugInfoList). All see the same nodes in the same
-  // memory, so the ratios show what the operations add to the map.
-  BareMap& fullBare = full.entries;
-  keloDbgList fullC = reinterpret_cast<keloDbgList>(&full);
-  for (std::size_t i = 0; i < n; ++i) full.add(ids[i], std::move(pool[i]));
-  volatile std::uintptr_t sink = 0;
-  auto findClass = [&]() {
-    std::uintptr_t acc = 0;
-    const auto t0 = Clock::now();
-    for (const DebugInfoID& id : order) acc += reinterpret_cast<std::uintptr_t>(full.find(id));
-    const double t = since(t0);
-    sink = sink + acc;
-    return t;
-  };
-  auto findBare = [&]() {
-    std::uintptr_t acc = 0;
-    const auto t0 = Clock::now();
-    for (const DebugInfoID& id : order) {
-      auto it = fullBare.find(id);
-      acc += it == fullBare.end() ? 0 : reinterpret_cast<std::uintptr_t>(&it->second.elf);
-    }
-    const double t = since(t0);
-    sink = sink + acc;
-    return t;
-  };
-  auto findC = [&]() {
-    std::uintptr_t acc = 0;
-    const auto t0 = Clock::now();
-    for (const DebugInfoID& id : order) acc += reinterpret_cast<std::uintptr_t>(keloDbgFind(fullC, {1, id.number()}));
-    const double t = since(t0);
-    sink = sink + acc;
-    return t;
-  };
-  // Lookups are short: repeat them so that each timing covers enough work.
-  const int findRepeat = 5;
-  auto repeated = [findRepeat](std::function<double()> f) {
-    return [f, findRepeat]() {
-      double t = 0;
-      for (int i = 0; i < findRepeat; ++i) t += f();
-      return t;
-    };
-  };
-  std::vector<double> find = interleave(
-      {{"class", repeated(findClass)}, {"bare", repeated(findBare)}, {"C", repeated(findC)}}, o.warmup, o.rounds);
-  g_rows.push_back({"find x5 (DebugInfoList::find)", find[0], {{"bare map", find[1]}}});
-  g_rows.push_back({"find x5 (keloDbgFind)", find[2], {{"bare map", find[1]}}});
-  g_targets.push_back({"find cost / bare map lookup", find[0] / find[1], 1.3, false});
-
-  // update: every entry renumbered (number + n, then back), on the full list;
-  // the bare map re-keys its nodes into a new map by the same pairs.
-  std::vector<DebugInfoNewID> up, down;
-  for (const DebugInfoID& id : ids) {
-    const uint32_t moved = id.number() + static_cast<uint32_t>(n);
-    const DebugInfoID to(1, static_cast<uint16_t>(moved & 0xffff), static_cast<uint16_t>(moved >> 16));
-    up.push_back({id, to});
-    down.push_back({to, id});
   }
-  // Each case applies `up` or `down`, whichever fits the list's present
-  // numbering, so that rounds of different cases can follow each other.
-  bool isUp = false;
-  auto updateClass = [&]() {
+  // Each case applies `up` or `down`, whichever fits the present numbering.
+  auto ours = [] {
     const auto t0 = Clock::now();
-    const bool ok = full.update(isUp ? down : up);
+    const bool ok = list.update(isUp ? down : up);
     const double t = since(t0);
     if (!ok) die("update refused");
     isUp = !isUp;
     return t;
   };
-  auto updateBare = [&]() {
+  auto bare = [] {
     const std::vector<DebugInfoNewID>& pairs = isUp ? down : up;
+    DebugInfoList::Map& map = list.entries;
     const auto t0 = Clock::now();
-    BareMap next = newBare();
-    next.reserve(fullBare.size());
+    DebugInfoList::Map next;
+    next.max_load_factor(1.0f);
+    next.reserve(map.size());
     for (const DebugInfoNewID& p : pairs) {
-      auto node = fullBare.extract(p.oldID);
+      auto node = map.extract(p.oldID);
       node.key() = p.newID;
       next.insert(std::move(node));
     }
-    fullBare = std::move(next);
+    map = std::move(next);
     const double t = since(t0);
     isUp = !isUp;
     return t;
   };
-  // The same re-keying as C++11 code would write it: a new map of moved
-  // values, one node allocated per entry.
-  auto updateBareMoved = [&]() {
-    const std::vector<DebugInfoNewID>& pairs = isUp ? down : up;
-    const auto t0 = Clock::now();
-    BareMap next = newBare();
-    next.reserve(fullBare.size());
-    for (const DebugInfoNewID& p : pairs) {
-      auto it = fullBare.find(p.oldID);
-      next.try_emplace(p.newID, std::move(it->second));
-    }
-    fullBare = std::move(next);
-    const double t = since(t0);
-    isUp = !isUp;
-    return t;
-  };
-  std::vector<double> update =
-      interleave({{"class", updateClass}, {"bare", updateBare}, {"bare moved", updateBareMoved}}, o.warmup, o.rounds);
-  g_rows.push_back({"update, every entry (update)",
-                    update[0],
-                    {{"bare re-key (node moves)", update[1]}, {"bare re-key (new nodes)", update[2]}}});
-  g_targets.push_back({"update cost / bare map re-keying", update[0] / update[1], 2.0, false});
-  if (isUp && !full.update(down)) die("update refused");
-  giveBack(full.entries);
-  full.clear();
-
-  // merge: two lists of n/2 entries each; the bare maps merge their nodes.
-  const std::size_t half = n / 2;
-  auto mergeClass = [&]() {
-    DebugInfoList a, b;
-    a.entries.max_load_factor(1.0f);
-    b.entries.max_load_factor(1.0f);
-    for (std::size_t i = 0; i < n; ++i) (i < half ? a : b).add(ids[i], std::move(pool[i]));
-    const auto t0 = Clock::now();
-    const bool ok = a.merge(b);
-    const double t = since(t0);
-    if (!ok) die("merge refused");
-    giveBack(a.entries);
-    return t;
-  };
-  auto mergeBare = [&]() {
-    BareMap a = newBare(), b = newBare();
-    for (std::size_t i = 0; i < n; ++i) (i < half ? a : b).try_emplace(ids[i], std::move(pool[i]));
-    const auto t0 = Clock::now();
-    a.merge(b);
-    const double t = since(t0);
-    giveBack(a);
-    return t;
-  };
-  std::vector<double> merge = interleave({{"class", mergeClass}, {"bare", mergeBare}}, o.warmup, o.rounds);
-  g_rows.push_back({"merge n/2 into n/2 (merge)", merge[0], {{"bare map merge", merge[1]}}});
-
-  for (keloElf* image : cImages) keloElfFree(image);
+  runRow(state, "update", {{"ours", ours}, {"bare re-key", bare}});
 }
 
-Options parseOptions(int argc, char** argv) {
-  Options o;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--quick") {
-      o.quick = true;
-      o.rounds = 3;
-      o.warmup = 1;
-    } else if (a == "--rounds" && i + 1 < argc) {
-      o.rounds = std::max(1, std::atoi(argv[++i]));
-    } else if (a == "--ours-only") {
-      g_oursOnly = true;
-    } else if (a == "--only" && i + 1 < argc) {
-      o.only = argv[++i];
-    } else if (a == "--dir" && i + 1 < argc) {
-      o.dir = argv[++i];
-    } else {
-      std::fprintf(stderr,
-                   "usage: kelo_bench [--quick] [--rounds N] [--dir DIR] [--only W1|W2|memory] [--ours-only]\n");
-      std::exit(a == "--help" || a == "-h" ? 0 : 2);
-    }
+// ---- Memory, each figure in a child process ----
+
+struct ChildResult {
+  bool ok = false;
+  double seconds = 0;
+  double maxrss = 0;  // bytes
+  double value = 0;   // what the work answered
+};
+
+// Runs `work` in a forked child; its answer, time and peak resident memory.
+ChildResult inChild(const std::function<bool(double&)>& work) {
+  int fds[2];
+  if (pipe(fds) != 0) die("pipe failed");
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) die("fork failed");
+  if (pid == 0) {
+    close(fds[0]);
+    ChildResult r;
+    const auto t0 = Clock::now();
+    r.ok = work(r.value);
+    r.seconds = since(t0);
+    struct rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    r.maxrss = static_cast<double>(ru.ru_maxrss) * 1024;
+    if (write(fds[1], &r, sizeof r) != static_cast<ssize_t>(sizeof r)) _exit(1);
+    _exit(0);
   }
-  return o;
+  close(fds[1]);
+  ChildResult r;
+  if (read(fds[0], &r, sizeof r) != static_cast<ssize_t>(sizeof r)) r.ok = false;
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return r;
+}
+
+// Runs a program; whether it exited 0, its time and peak resident memory.
+ChildResult runProgram(const std::vector<std::string>& args) {
+  std::fflush(nullptr);
+  const auto t0 = Clock::now();
+  const pid_t pid = fork();
+  if (pid < 0) die("fork failed");
+  if (pid == 0) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) _exit(127);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  int status = 0;
+  struct rusage ru;
+  wait4(pid, &status, 0, &ru);
+  ChildResult r;
+  r.seconds = since(t0);
+  r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  r.maxrss = static_cast<double>(ru.ru_maxrss) * 1024;
+  return r;
+}
+
+// Heap in use, by malloc's own count.
+double heapInUse() {
+  const struct mallinfo2 m = mallinfo2();
+  return static_cast<double>(m.uordblks + m.hblkhd);
+}
+
+// Writes a list of `n` entries with images of `imageSize` bytes and
+// `addrNames` section addresses each; returns the file's size.
+double makeListFile(const std::string& path, std::size_t n, std::size_t imageSize,
+                    const std::vector<std::string>& sections, const std::vector<std::string>& addrNames) {
+  ChildResult r = inChild([&](double& size) {
+    Bytes bytes = kelo_bench::makeElf(false, imageSize, sections, 0);
+    if (bytes.empty()) return false;
+    DebugInfoList list;
+    for (std::size_t i = 0; i < n; ++i) {
+      kelo_bench::stampElf(bytes, false, 0, static_cast<uint32_t>(i));
+      absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(bytes);
+      if (!image) return false;
+      list.add(idOf(i), std::move(*image));
+      for (const std::string& a : addrNames) list.setSectionAddr(idOf(i), a, static_cast<unsigned>(i));
+    }
+    if (!keloDbgWrite(kelo_handles::toHandle(&list), path.c_str())) return false;
+    size = static_cast<double>(readWhole(path).size());
+    return true;
+  });
+  if (!r.ok) die("cannot write " + path);
+  return r.value;
+}
+
+// Heap per entry beyond the images' own bytes, for a list read from `path`.
+double bytesPerEntry(const std::string& path, std::size_t n, std::size_t imageSize) {
+  ChildResult r = inChild([&](double& perEntry) {
+    const double before = heapInUse();
+    keloDbgList list = keloDbgRead(path.c_str());
+    const double after = heapInUse();
+    if (list == nullptr || kelo_handles::toList(list)->entries.size() != n) return false;
+    perEntry = (after - before) / static_cast<double>(n) - static_cast<double>(imageSize);
+    keloDbgFree(list);
+    return true;
+  });
+  if (!r.ok) die("cannot read " + path);
+  return r.value;
+}
+
+struct MemoryFigures {
+  double imageSize = 0, imageFileSize = 0;
+  ChildResult read, create;
+  std::size_t tinyEntries = 0;
+  double tinyFileSize = 0;
+  ChildResult check;
+  double tinyPerEntry = 0, w2PerEntry = 0;
+  bool tool = false;
+};
+MemoryFigures g_memory;
+
+void measureMemory() {
+  MemoryFigures& m = g_memory;
+  const bool quick = g_options.quick;
+  const std::size_t imageSize = quick ? std::size_t{64} << 20 : std::size_t{1} << 30;
+  m.imageSize = static_cast<double>(imageSize);
+  m.tinyEntries = quick ? 100000 : 1000000;
+  m.tool = !g_options.kelodbg.empty() && access(g_options.kelodbg.c_str(), X_OK) == 0;
+  std::printf("memory: one %.0f MiB image; %zu tiny entries; %s\n", m.imageSize / (1 << 20), m.tinyEntries,
+              m.tool ? g_options.kelodbg.c_str() : "no kelodbg: its rows are left out");
+  std::fflush(stdout);
+
+  const std::string image = newFile("big.o");
+  const std::string imageList = newFile("big.kdbg");
+  inChild([&](double&) {
+    writeWhole(image, kelo_bench::makeElf(true, imageSize, {".text", ".data", ".rodata", ".debug_info"}, 1));
+    return true;
+  });
+  if (m.tool) {
+    m.create = runProgram({g_options.kelodbg, "create", imageList, "1=" + image});
+    if (!m.create.ok) die("kelodbg create failed");
+  } else {
+    // The same file, made through the library.
+    inChild([&](double&) {
+      keloDbgList list = keloDbgAlloc();
+      keloElf* elf = keloElfLoadFile(image.c_str());
+      const bool ok = elf != nullptr && keloDbgAdd(list, elf, 1, 0) != nullptr && keloDbgWrite(list, imageList.c_str());
+      keloElfFree(elf);
+      keloDbgFree(list);
+      return ok;
+    });
+  }
+  m.imageFileSize = static_cast<double>(readWhole(imageList).size());
+  m.read = inChild([&](double&) {
+    keloDbgList list = keloDbgRead(imageList.c_str());
+    const bool ok = list != nullptr;
+    keloDbgFree(list);
+    return ok;
+  });
+  if (!m.read.ok) die("cannot read " + imageList);
+
+  // Tiny entries: 164-byte images (a file header, 21 bytes of contents and
+  // the name table) make 185-byte entries.
+  const std::string tiny = newFile("tiny.kdbg");
+  m.tinyFileSize = makeListFile(tiny, m.tinyEntries, 164, {}, {});
+  if (m.tool) {
+    m.check = runProgram({g_options.kelodbg, "check", tiny});
+    if (!m.check.ok) die("kelodbg check failed");
+  }
+  m.tinyPerEntry = bytesPerEntry(tiny, m.tinyEntries, 164);
+  const std::string w2 = newFile("w2mem.kdbg");
+  const std::size_t w2Entries = quick ? 20000 : 100000;
+  makeListFile(w2, w2Entries, 256, {".text", ".data"}, {".text", ".data"});
+  m.w2PerEntry = bytesPerEntry(w2, w2Entries, 256);
+}
+
+// ---- The summary ----
+
+struct Goal {
+  const char* text;
+  bool met;
+};
+
+void printSummary() {
+  std::printf(
+      "\nkelo_bench summary%s: medians; a speed ratio is the peer's time over ours (above 1: ours is faster)\n\n",
+      g_options.quick ? " (--quick: small workloads, figures only indicative)" : "");
+  std::printf("%-44s %12s  %-26s %7s  %-22s %s\n", "figure", "ours", "peer", "ratio", "goal", "");
+  auto line = [](const std::string& what, const std::string& ours, const std::string& peer, double ratio,
+                 const Goal& goal) {
+    std::printf("%-44s %12s  %-26s %7.2f  %-22s %s\n", what.c_str(), ours.c_str(), peer.c_str(), ratio, goal.text,
+                goal.met ? "met" : "MISSED");
+  };
+  auto ms = [](double s) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.2f ms", s * 1e3);
+    return std::string(buf);
+  };
+  auto mb = [](double b) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f MB", b / 1e6);
+    return std::string(buf);
+  };
+  struct Speed {
+    std::string row, label;
+    double limitGoal, cerealGoal;
+  };
+  for (const Speed& s : {Speed{"W1 read", "W1 read", 0.7, 2.0}, Speed{"W2 read", "W2 read", 0.15, 1.5},
+                         Speed{"W1 write", "W1 write", 0.6, 1.4}, Speed{"W2 write", "W2 write", 0.3, 2.0}}) {
+    if (g_samples.count(s.row) == 0) continue;
+    const double ours = medianOf(s.row, "ours");
+    const double limit = medianOf(s.row, "limit");
+    const double cereal = medianOf(s.row, "cereal");
+    char goal[32];
+    std::snprintf(goal, sizeof goal, ">= %.2g", s.limitGoal);
+    line(s.label, ms(ours), "limit " + ms(limit), limit / ours, {goal, limit / ours >= s.limitGoal});
+    std::snprintf(goal, sizeof goal, ">= %.2g", s.cerealGoal);
+    line("", "", "cereal " + ms(cereal), cereal / ours, {goal, cereal / ours >= s.cerealGoal});
+  }
+  if (g_samples.count("update") != 0) {
+    const double ours = medianOf("update", "ours");
+    const double bare = medianOf("update", "bare re-key");
+    line("update, re-keying every entry (cost)", ms(ours), "bare re-key " + ms(bare), ours / bare,
+         {"<= 1.5 (ours/peer)", ours / bare <= 1.5});
+  }
+
+  const MemoryFigures& m = g_memory;
+  if (m.imageSize == 0) return;
+  std::printf("\n%-44s %12s  %-26s %7s  %s\n", "peak resident memory", "ours", "of", "ratio", "goal");
+  const double slack = 16.0 * (1 << 20);
+  const double readBound = 1.15 * m.imageFileSize + slack;
+  line("reading a file with one " + mb(m.imageSize) + " image", mb(m.read.maxrss), "file " + mb(m.imageFileSize),
+       m.read.maxrss / m.imageFileSize, {"<= 1.15 x file + 16 MiB", m.read.maxrss <= readBound});
+  if (m.tool) {
+    line("kelodbg create of that image", mb(m.create.maxrss), "image " + mb(m.imageSize), m.create.maxrss / m.imageSize,
+         {"<= 2.1 x image", m.create.maxrss <= 2.1 * m.imageSize});
+    char what[64];
+    std::snprintf(what, sizeof what, "kelodbg check, %zu tiny entries", m.tinyEntries);
+    line(what, mb(m.check.maxrss), "file " + mb(m.tinyFileSize), m.check.maxrss / m.tinyFileSize,
+         {"<= 1.6 x file", m.check.maxrss <= 1.6 * m.tinyFileSize});
+    char secs[32];
+    std::snprintf(secs, sizeof secs, "%.2f s", m.check.seconds);
+    std::printf("%-44s %12s  %-26s %7s  %-22s %s\n", "  its time", secs, "", "", "<= 1 s",
+                m.check.seconds <= 1.0 ? "met" : "MISSED");
+  }
+  std::printf(
+      "\nheap per entry beyond the image's bytes: %.0f bytes (tiny entries, no section addresses), "
+      "%.0f bytes (W2 entries, 2 section addresses)\n",
+      m.tinyPerEntry, m.w2PerEntry);
+  std::printf("(the goals are informational; the exit status does not depend on them)\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options o = parseOptions(argc, argv);
-  std::printf("kelo_bench%s: %d warm-up and %d measured rounds, medians; files in %s\n", o.quick ? " --quick" : "",
-              o.warmup, o.rounds, o.dir.c_str());
-  std::printf("ratios are reference time / our time: above 1 means ours is faster\n\n");
+  // Our own options out of the way of Google Benchmark's.
+  std::vector<char*> args;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--quick") == 0) {
+      g_options.quick = true;
+    } else {
+      args.push_back(argv[i]);
+    }
+  }
+  if (const char* q = std::getenv("KELO_BENCH_QUICK")) g_options.quick = g_options.quick || std::strcmp(q, "1") == 0;
+  if (const char* d = std::getenv("KELO_BENCH_DIR")) g_options.dir = d;
+#ifdef KELO_BENCH_KELODBG
+  g_options.kelodbg = KELO_BENCH_KELODBG;
+#endif
+  if (const char* t = std::getenv("KELO_BENCH_KELODBG")) g_options.kelodbg = t;
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 2;
 
-  const std::vector<std::string> w1Sections = {".text",    ".data",           ".rodata",     ".bss",
-                                               ".comment", ".note.GNU-stack", ".debug_info", ".debug_line"};
-  const FileWorkload w1{"W1",
-                        true,
-                        o.quick ? 500u : 2000u,
-                        64 * 1024,
-                        w1Sections,
-                        1,
-                        {".text", ".data", ".rodata", ".bss", ".comment", ".debug_info", ".debug_line", ".local"}};
-  const FileWorkload w2{"W2", false, o.quick ? 20000u : 100000u, 256, {".text", ".data"}, 1, {".text", ".data"}};
-  auto wanted = [&o](const char* name) { return o.only.empty() || o.only == name; };
-  if (wanted("W1")) runFileWorkload(w1, o);
-  if (wanted("W2")) runFileWorkload(w2, o);
-  if (wanted("memory")) runMemory(o.quick ? 20000 : 100000, o);
+  const bool quick = g_options.quick;
+  if (quick) {
+    g_w1.entries = 500;
+    g_w2.entries = 20000;
+  }
+  const int iterations = quick ? 3 : 15;
+  const std::string filter = benchmark::GetBenchmarkFilter();
+  if (filter.empty() || filter == "." || filter == "all" || filter.find("memory") != std::string::npos) {
+    measureMemory();
+  }
+  for (FileWorkload* w : {&g_w1, &g_w2}) {
+    benchmark::RegisterBenchmark((w->name + "/write").c_str(), fileRows, w, true)
+        ->UseManualTime()
+        ->Iterations(iterations)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark((w->name + "/read").c_str(), fileRows, w, false)
+        ->UseManualTime()
+        ->Iterations(iterations)
+        ->Unit(benchmark::kMillisecond);
+  }
+  benchmark::RegisterBenchmark("update/every_entry", updateRow, quick ? std::size_t{20000} : std::size_t{100000})
+      ->UseManualTime()
+      ->Iterations(iterations * 2)
+      ->Unit(benchmark::kMillisecond);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
 
-  printRows();
-  printTargets();
-  std::printf("\n(targets are informational; the exit status does not depend on them)\n");
+  printSummary();
+  for (FileWorkload* w : {&g_w1, &g_w2}) keloDbgFree(w->list);
+  for (const std::string& f : g_files) std::remove(f.c_str());
   return 0;
 }

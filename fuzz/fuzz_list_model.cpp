@@ -290,25 +290,18 @@ class Run {
     }
   }
 
-  // A write whose k-th image cannot be saved, or throws while saving, fails
-  // and leaves the list as it was.
+  // A write that meets an image which cannot be serialised (the k-th one,
+  // moved out for the write: an empty image) fails; with the image moved
+  // back, the list is as it was.
   void failedWrite(int i) {
     if (model_[i].empty()) return;
-    elf_double::Control& c = elf_double::control();
-    const bool toThrow = in_.ConsumeBool();
-    c.saveFault = toThrow ? elf_double::Fault::kThrowBadAlloc : elf_double::Fault::kFail;
-    c.saveCountdown = in_.ConsumeIntegralInRange<int>(0, static_cast<int>(model_[i].size()) - 1);
+    auto it = lists_[i].entries.begin();
+    std::advance(it, in_.ConsumeIntegralInRange<size_t>(0, model_[i].size() - 1));
+    kelo_elf::ELF kept = std::move(it->second.elf);
     kelo_fuzz::MemoryOut out;
-    bool threw = false;
-    bool written = true;
-    try {
-      written = kelo_debuginfo::file::writeListTo(lists_[i], out.file());
-    } catch (const std::bad_alloc&) {
-      threw = true;
-    }
-    c.saveFault = elf_double::Fault::kNone;
-    c.saveCountdown = 0;
-    check(toThrow ? threw : (!threw && !written));
+    const bool written = kelo_debuginfo::file::writeListTo(lists_[i], out.file());
+    it->second.elf = std::move(kept);
+    check(!written);
   }
 
   // A proper prefix of a valid file, or a file whose k-th image fails to

@@ -91,7 +91,8 @@ stage_i386() {
 
 # Each fuzz target replays its seed corpus (damaged files and earlier finds
 # included), then fuzzes for a bounded time. New inputs go to a temporary
-# directory, never into the repository.
+# directory, never into the repository. (The other builds replay the corpora
+# as the tests fuzz.*.)
 stage_fuzz() {
   [[ ${SKIP_FUZZ:-0} == 1 ]] && return
   stage "fuzz smoke runs: $build-fuzz"
@@ -102,7 +103,7 @@ stage_fuzz() {
   local t work log failed=0
   rm -f "$build-fuzz"/crash-*
   log=$(mktemp)
-  for t in elf_load read_file list_model; do
+  for t in elf_differential read_file list_model; do
     work=$(mktemp -d)
     if ! "$build-fuzz/fuzz/fuzz_$t" -max_total_time="${FUZZ_SECONDS:-20}" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build-fuzz/crash-$t-" "$work" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
@@ -116,13 +117,14 @@ stage_fuzz() {
   return $failed
 }
 
-# The benchmark in its quick mode, to prove it still builds and runs; its
-# figures are not judged here (see bench/README.md).
+# The benchmark in its quick mode, with the tool for its memory rows: it
+# proves the benchmark still builds and runs, and ends with its summary
+# table. The figures are not judged here (see bench/README.md).
 stage_bench() {
   [[ ${SKIP_BENCH:-0} == 1 ]] && return
   stage "benchmark smoke run: $build-bench"
   cmake -S "$root" -B "$build-bench" -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_BENCH=ON \
-    -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF -DKELO_WERROR=ON
+    -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_EXAMPLES=OFF -DKELO_WERROR=ON
   cmake --build "$build-bench" -j "$jobs" --target kelo_bench
   "$build-bench/bench/kelo_bench" --quick
   bash "$root/bench/symbolize_bench.sh" --quick "$build"

@@ -1,17 +1,15 @@
-// The ELF image: one heap block holding the image's bytes and an index of
-// its section names.
+// The ELF image: the file's bytes in one malloc'ed block, followed in the
+// same block by a small trailer (ELF::Impl) that the image points at.
 //
-// Loading checks the file's own header fields (identification, the section
-// header table's place and size) before libelf sees the bytes, so libelf only
-// ever parses tables that lie inside them. Section names are then read through
-// libelf and checked against the section-name string table. The block keeps
-// each name as an offset and length into the image's own bytes, once in
-// section-header order and once sorted, so a lookup is a binary search and a
-// load makes no allocation per name.
+// Loading reads the file header and the section header table itself,
+// through a bounded reader that checks every offset against the bytes
+// (serialize/orvel/serialize/ByteReader.h), and builds nothing else: section
+// names are found in the image's own bytes when asked for. Only images with
+// many sections get an index of their names, sorted, in a block of its own,
+// so that a lookup is a binary search.
 #include "kelo/elf.hpp"
 
-#include <gelf.h>
-#include <libelf.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstring>
@@ -21,197 +19,188 @@
 #include <string_view>
 #include <utility>
 
-namespace kelo_elf {
+#include "serialize/orvel/serialize/ByteReader.h"
 
-size_t DebugInfoID::hash() const noexcept {
-  // The 40 significant bits, packed, then the 64-bit finaliser of MurmurHash3:
-  // every input bit reaches every output bit, the low 32 included.
-  uint64_t h = (uint64_t{kind} << 32) | (uint64_t{hi} << 16) | lo;
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  h ^= h >> 33;
-  return static_cast<size_t>(h);
-}
+namespace kelo_elf {
 
 namespace {
 
-// One section name inside the image's bytes. Names never contain NUL and
-// are NUL-terminated in the bytes, but the length is kept so that lookups
-// need not scan.
+using orvel_lib::serialize::ByteReader;
+
+// Values of the ELF format that loading needs.
+constexpr unsigned char kMagic[4] = {0x7f, 'E', 'L', 'F'};
+constexpr unsigned kIdentSize = 16;
+constexpr unsigned char kClass32 = 1, kClass64 = 2;
+constexpr unsigned char kLittle = 1, kBig = 2;
+constexpr uint64_t kCurrentVersion = 1;
+constexpr uint64_t kSectionNull = 0, kSectionStrtab = 3, kSectionNobits = 8;
+constexpr uint64_t kIndexEscape = 0xffff;  // e_shstrndx (SHN_XINDEX) and e_phnum (PN_XNUM) kept in section 0
+
+// Images with more named sections than this get a sorted index of them;
+// the others are searched section by section.
+constexpr uint32_t kScanLimit = 16;
+
+// Where the parts of a file lie, as found (and checked) by readLayout().
+struct Layout {
+  bool is64;
+  bool big;
+  uint64_t shoff;      // the section header table
+  uint32_t shnum;      // its entries, section 0 included
+  unsigned shdrSize;   // the size of one entry
+  uint64_t strOffset;  // the section-name string table
+  uint64_t strSize;
+};
+
+// Offsets of the section header fields that loading reads.
+constexpr unsigned kShName = 0, kShType = 4;
+unsigned shOffsetAt(bool is64) { return is64 ? 24 : 16; }
+unsigned shSizeAt(bool is64) { return is64 ? 32 : 20; }
+
+// Reads and checks the file header and the section-name string table:
+// identification and version; the section header table (required: it names
+// the sections) and the program header table inside the bytes with entries
+// of the standard size; the counts that do not fit the header taken from
+// section 0; a string table for the names, inside the bytes and ending in
+// NUL, so that every name read from it ends inside it.
+bool readLayout(const unsigned char* data, std::size_t size, Layout& out) {
+  if (size < kIdentSize || std::memcmp(data, kMagic, sizeof kMagic) != 0) return false;
+  if (data[4] != kClass32 && data[4] != kClass64) return false;
+  if (data[5] != kLittle && data[5] != kBig) return false;
+  if (data[6] != kCurrentVersion) return false;
+
+  const bool is64 = data[4] == kClass64;
+  ByteReader r(data, size, data[5] == kBig);
+  // e_phoff and e_shoff follow e_entry; the 16-bit fields follow e_flags and
+  // e_ehsize.
+  const unsigned addr = is64 ? 8 : 4;
+  const uint64_t halvesAt = 24 + 3 * addr + 4 + 2;
+  const uint64_t version = r.read(20, 4);
+  const uint64_t phoff = r.read(24 + addr, addr);
+  const uint64_t shoff = r.read(24 + 2 * addr, addr);
+  const uint64_t phentsize = r.read(halvesAt, 2);
+  uint64_t phnum = r.read(halvesAt + 2, 2);
+  const uint64_t shentsize = r.read(halvesAt + 4, 2);
+  uint64_t shnum = r.read(halvesAt + 6, 2);
+  uint64_t shstrndx = r.read(halvesAt + 8, 2);
+  if (!r.ok() || version != kCurrentVersion) return false;
+
+  const unsigned shdrSize = is64 ? 64 : 40;
+  if (shoff == 0 || shentsize != shdrSize || !r.contains(shoff, shdrSize)) return false;
+  // Section 0 holds what does not fit: the section count in sh_size, the
+  // name table's index in sh_link, the program header count in sh_info.
+  if (shnum == 0) shnum = r.read(shoff + shSizeAt(is64), addr);
+  if (shstrndx == kIndexEscape) shstrndx = r.read(shoff + (is64 ? 40 : 24), 4);
+  if (phnum == kIndexEscape) phnum = r.read(shoff + (is64 ? 44 : 28), 4);
+  if (shnum == 0 || shnum > size / shdrSize || !r.contains(shoff, shnum * shdrSize)) return false;
+  if (shstrndx == 0 || shstrndx >= shnum) return false;
+  if (phnum != 0) {
+    const unsigned phdrSize = is64 ? 56 : 32;
+    if (phentsize != phdrSize || phnum > size / phdrSize || !r.contains(phoff, phnum * phdrSize)) return false;
+  }
+
+  const uint64_t strHeader = shoff + shstrndx * shdrSize;
+  const uint64_t strType = r.read(strHeader + kShType, 4);
+  const uint64_t strOffset = r.read(strHeader + shOffsetAt(is64), addr);
+  const uint64_t strSize = r.read(strHeader + shSizeAt(is64), addr);
+  if (strType != kSectionStrtab || strSize == 0 || !r.contains(strOffset, strSize)) return false;
+  if (data[strOffset + strSize - 1] != '\0') return false;
+
+  out = Layout{is64, data[5] == kBig, shoff, static_cast<uint32_t>(shnum), shdrSize, strOffset, strSize};
+  return true;
+}
+
+// Calls f(index, name offset in the name table) for sections 1 to shnum - 1,
+// stopping (and answering false) when f does. The layout is one that
+// readLayout() made from these bytes.
+template <typename F>
+bool forEachSection(const unsigned char* data, std::size_t size, const Layout& l, F f) {
+  ByteReader r(data, size, l.big);
+  for (uint32_t i = 1; i < l.shnum; ++i) {
+    if (!f(i, r.read(l.shoff + uint64_t{i} * l.shdrSize + kShName, 4))) return false;
+  }
+  return true;
+}
+
+// Checks every section: its name inside the name table, and its contents
+// inside the bytes unless it has none in the file.
+bool checkSections(const unsigned char* data, std::size_t size, const Layout& l) {
+  ByteReader r(data, size, l.big);
+  const unsigned addr = l.is64 ? 8 : 4;
+  return forEachSection(data, size, l, [&](uint32_t i, uint64_t name) {
+    const uint64_t header = l.shoff + uint64_t{i} * l.shdrSize;
+    const uint64_t type = r.read(header + kShType, 4);
+    if (type != kSectionNobits && type != kSectionNull &&
+        !r.contains(r.read(header + shOffsetAt(l.is64), addr), r.read(header + shSizeAt(l.is64), addr)))
+      return false;
+    return name < l.strSize;
+  });
+}
+
+// One section name inside the image's bytes.
 struct NameRef {
   uint32_t offset;
   uint32_t length;
 };
 
-// The fields of the file header that loading needs, in host byte order.
-struct Header {
-  bool is64;
-  uint64_t phoff;
-  uint64_t shoff;
-  uint32_t phentsize;
-  uint32_t shentsize;
-  uint32_t phnum;
-  uint32_t shnum;
-  uint32_t shstrndx;
-};
+std::string_view nameAt(const unsigned char* data, const Layout& l, uint64_t name) {
+  const char* start = reinterpret_cast<const char*>(data + l.strOffset + name);
+  // The table ends in NUL, so the name does too.
+  return std::string_view(start, std::strlen(start));
+}
 
-// Reads unsigned integers of the file's byte order from a bounded view.
-class Reader {
- public:
-  Reader(const unsigned char* data, size_t size, bool big) : data_(data), size_(size), big_(big) {}
-
-  // False when [offset, offset + width) is not inside the view.
-  bool read(uint64_t offset, unsigned width, uint64_t& out) const {
-    if (offset > size_ || size_ - offset < width) return false;
-    uint64_t v = 0;
-    for (unsigned i = 0; i < width; ++i) {
-      unsigned char b = data_[offset + (big_ ? i : width - 1 - i)];
-      v = (v << 8) | b;
-    }
-    out = v;
+// The sorted index of the names of an image with many sections; null for
+// the others.
+std::unique_ptr<NameRef[]> indexNames(const unsigned char* data, std::size_t size, const Layout& l) {
+  const uint32_t count = l.shnum - 1;
+  if (count <= kScanLimit) return nullptr;
+  std::unique_ptr<NameRef[]> index(new NameRef[count]);
+  forEachSection(data, size, l, [&](uint32_t i, uint64_t name) {
+    const std::string_view n = nameAt(data, l, name);
+    index[i - 1] = NameRef{static_cast<uint32_t>(l.strOffset + name), static_cast<uint32_t>(n.size())};
     return true;
-  }
-
- private:
-  const unsigned char* data_;
-  size_t size_;
-  bool big_;
-};
-
-bool inside(uint64_t offset, uint64_t length, uint64_t size) { return offset <= size && size - offset >= length; }
-
-// Parses and checks the file header: identification, version, and that the
-// program and section header tables lie inside the bytes with entries of the
-// standard size. Resolves the extended numbering kept in section 0.
-bool readHeader(absl::Span<unsigned char const> bytes, Header& h) {
-  if (bytes.size() < EI_NIDENT) return false;
-  const unsigned char* id = bytes.data();
-  if (id[EI_MAG0] != ELFMAG0 || id[EI_MAG1] != ELFMAG1 || id[EI_MAG2] != ELFMAG2 || id[EI_MAG3] != ELFMAG3)
-    return false;
-  if (id[EI_CLASS] != ELFCLASS32 && id[EI_CLASS] != ELFCLASS64) return false;
-  if (id[EI_DATA] != ELFDATA2LSB && id[EI_DATA] != ELFDATA2MSB) return false;
-  if (id[EI_VERSION] != EV_CURRENT) return false;
-
-  h.is64 = id[EI_CLASS] == ELFCLASS64;
-  const Reader r(bytes.data(), bytes.size(), id[EI_DATA] == ELFDATA2MSB);
-  // Offsets of e_version, e_phoff, e_shoff and e_phentsize; the address-sized
-  // fields are 4 or 8 bytes wide, the fields after them follow in 2-byte steps.
-  const unsigned addr = h.is64 ? 8 : 4;
-  const uint64_t phoffAt = 24 + addr;
-  const uint64_t shoffAt = phoffAt + addr;
-  const uint64_t halvesAt = shoffAt + addr + 4 + 2;  // after e_flags and e_ehsize
-  uint64_t version, phoff, shoff, phentsize, phnum, shentsize, shnum, shstrndx;
-  if (!r.read(20, 4, version) || !r.read(phoffAt, addr, phoff) || !r.read(shoffAt, addr, shoff) ||
-      !r.read(halvesAt, 2, phentsize) || !r.read(halvesAt + 2, 2, phnum) || !r.read(halvesAt + 4, 2, shentsize) ||
-      !r.read(halvesAt + 6, 2, shnum) || !r.read(halvesAt + 8, 2, shstrndx))
-    return false;
-  if (version != EV_CURRENT) return false;
-
-  // The section header table is required: it names the sections.
-  const uint64_t shdrSize = h.is64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr);
-  if (shoff == 0 || shentsize != shdrSize || !inside(shoff, shdrSize, bytes.size())) return false;
-  // Section 0 holds the real counts when they do not fit the header.
-  const uint64_t sh0 = shoff;
-  if (shnum == 0 && !r.read(sh0 + (h.is64 ? 32 : 20), addr, shnum)) return false;
-  if (shstrndx == SHN_XINDEX && !r.read(sh0 + (h.is64 ? 40 : 24), 4, shstrndx)) return false;
-  if (phnum == PN_XNUM && !r.read(sh0 + (h.is64 ? 44 : 28), 4, phnum)) return false;
-  if (shnum == 0 || shnum > bytes.size() / shdrSize || !inside(shoff, shnum * shdrSize, bytes.size())) return false;
-  if (shstrndx == SHN_UNDEF || shstrndx >= shnum) return false;
-
-  if (phnum != 0) {
-    const uint64_t phdrSize = h.is64 ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr);
-    if (phentsize != phdrSize || phnum > bytes.size() / phdrSize || !inside(phoff, phnum * phdrSize, bytes.size()))
-      return false;
-  }
-
-  h.phoff = phoff;
-  h.shoff = shoff;
-  h.phentsize = static_cast<uint32_t>(phentsize);
-  h.shentsize = static_cast<uint32_t>(shentsize);
-  h.phnum = static_cast<uint32_t>(phnum);
-  h.shnum = static_cast<uint32_t>(shnum);
-  h.shstrndx = static_cast<uint32_t>(shstrndx);
-  return true;
+  });
+  auto text = [data](NameRef n) { return std::string_view(reinterpret_cast<const char*>(data) + n.offset, n.length); };
+  std::sort(index.get(), index.get() + count, [&](NameRef a, NameRef b) { return text(a) < text(b); });
+  return index;
 }
-
-bool libelfReady() {
-  // elf_version() sets libelf's one global; a static initialiser runs it
-  // exactly once even when images are loaded from several threads.
-  static const bool ready = elf_version(EV_CURRENT) != EV_NONE;
-  return ready;
-}
-
-struct ElfEnd {
-  void operator()(Elf* e) const noexcept { elf_end(e); }
-};
-using ElfPtr = std::unique_ptr<Elf, ElfEnd>;
-
-// A private, 8-byte aligned copy of the bytes for libelf, which may convert
-// tables in place. Small images stay on the stack.
-class Scratch {
- public:
-  explicit Scratch(absl::Span<unsigned char const> bytes) {
-    uint64_t* words = small_;
-    if (bytes.size() > sizeof(small_)) {
-      heap_.reset(new uint64_t[bytes.size() / sizeof(uint64_t) + 1]);
-      words = heap_.get();
-    }
-    data_ = reinterpret_cast<char*>(words);
-    std::memcpy(data_, bytes.data(), bytes.size());
-  }
-  char* data() const { return data_; }
-
- private:
-  uint64_t small_[512];
-  std::unique_ptr<uint64_t[]> heap_;
-  char* data_;
-};
 
 }  // namespace
 
-// The one block an image owns: this header, the names in section-header
-// order, the same names sorted, then the bytes.
-struct ELF::Impl {
-  uint32_t size;   // bytes of the image
-  uint32_t count;  // section names (section 0 left out)
+// The trailer of an image's block: it lies right after the file's bytes,
+// which start the block.
+struct alignas(8) ELF::Impl {
+  uint32_t size;    // the file's bytes
+  uint32_t count;   // named sections: all but section 0
+  NameRef* sorted;  // the names in byte order, or null (see kScanLimit)
 
-  NameRef* byHeader() { return reinterpret_cast<NameRef*>(this + 1); }
-  const NameRef* byHeader() const { return reinterpret_cast<const NameRef*>(this + 1); }
-  NameRef* sorted() { return byHeader() + count; }
-  const NameRef* sorted() const { return byHeader() + count; }
-  unsigned char* bytes() { return reinterpret_cast<unsigned char*>(sorted() + count); }
-  const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(sorted() + count); }
-
-  std::string_view name(NameRef n) const {
-    return std::string_view(reinterpret_cast<const char*>(bytes()) + n.offset, n.length);
+  // Whether the block of an image of `size` bytes fits in an object (only
+  // in doubt on 32-bit hosts).
+  static bool fits(std::size_t size) {
+    return size <= static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max()) - 64;
   }
 
-  // Allocates a block for `count` names and `size` bytes; throws
-  // std::bad_alloc.
-  static Impl* make(uint32_t count, uint32_t size) {
-    const size_t names = size_t{2} * count * sizeof(NameRef);
-    if (size > std::numeric_limits<size_t>::max() - sizeof(Impl) - names) throw std::bad_alloc();
-    void* raw = ::operator new(sizeof(Impl) + names + size);
-    Impl* impl = new (raw) Impl{size, count};
-    for (uint32_t i = 0; i < 2 * count; ++i) new (impl->byHeader() + i) NameRef{0, 0};
-    return impl;
+  // Where the trailer of an image of `size` bytes lies in its block.
+  // REQUIRES: fits(size).
+  static std::size_t offsetFor(uint32_t size) {
+    return (std::size_t{size} + alignof(Impl) - 1) / alignof(Impl) * alignof(Impl);
   }
+  static std::size_t blockSize(uint32_t size) { return offsetFor(size) + sizeof(Impl); }
+
+  const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(this) - offsetFor(size); }
+
+  // Builds the trailer in `block`, which holds the bytes and has room for
+  // it; takes over `sorted`.
+  static Impl* place(unsigned char* block, uint32_t size, uint32_t count, std::unique_ptr<NameRef[]> sorted) {
+    return new (block + offsetFor(size)) Impl{size, count, sorted.release()};
+  }
+
   static void destroy(Impl* impl) noexcept {
-    // Impl and NameRef are trivially destructible.
-    ::operator delete(impl);
+    if (impl == nullptr) return;
+    delete[] impl->sorted;
+    // The trailer and the bytes are trivially destructible.
+    std::free(const_cast<unsigned char*>(impl->bytes()));
   }
 };
-
-namespace {
-struct ImplDelete {
-  template <class T>
-  void operator()(T* impl) const noexcept {
-    T::destroy(impl);
-  }
-};
-}  // namespace
 
 ELF::ELF() noexcept = default;
 
@@ -230,8 +219,8 @@ ELF& ELF::operator=(ELF&& other) noexcept {
 ELF::~ELF() { Impl::destroy(impl_); }
 
 absl::optional<ELFBytes> ELF::save() {
-  if (impl_ == nullptr) return ELFBytes();
-  auto* data = static_cast<unsigned char*>(std::malloc(impl_->size));
+  if (impl_ == nullptr) return absl::nullopt;
+  auto* data = static_cast<unsigned char*>(std::malloc(std::size_t{impl_->size} + ELFBytes::adoptRoom(impl_->size)));
   if (data == nullptr) return absl::nullopt;
   std::memcpy(data, impl_->bytes(), impl_->size);
   return ELFBytes(data, impl_->size);
@@ -239,76 +228,80 @@ absl::optional<ELFBytes> ELF::save() {
 
 absl::optional<ELF> ELF::load(absl::Span<unsigned char const> bytes) {
   if (bytes.size() > std::numeric_limits<uint32_t>::max()) return absl::nullopt;
-  Header h;
-  if (!readHeader(bytes, h) || !libelfReady()) return absl::nullopt;
-
-  Scratch scratch(bytes);
-  ElfPtr elf(elf_memory(scratch.data(), bytes.size()));
-  if (!elf || elf_kind(elf.get()) != ELF_K_ELF) return absl::nullopt;
-  size_t shnum = 0, shstrndx = 0;
-  if (elf_getshdrnum(elf.get(), &shnum) != 0 || elf_getshdrstrndx(elf.get(), &shstrndx) != 0) return absl::nullopt;
-  if (shnum != h.shnum || shstrndx != h.shstrndx) return absl::nullopt;
-
-  // The section-name string table: a string table inside the bytes, ending
-  // in NUL so that every name read from it is terminated inside it.
-  Elf_Scn* strScn = elf_getscn(elf.get(), shstrndx);
-  GElf_Shdr strHdr;
-  if (strScn == nullptr || gelf_getshdr(strScn, &strHdr) == nullptr) return absl::nullopt;
-  if (strHdr.sh_type != SHT_STRTAB || strHdr.sh_size == 0 || !inside(strHdr.sh_offset, strHdr.sh_size, bytes.size()))
-    return absl::nullopt;
-  elf_errno();  // clear: a failed allocation inside elf_getdata shows only here
-  Elf_Data* strData = elf_getdata(strScn, nullptr);
-  if (strData == nullptr || elf_errno() != 0 || strData->d_buf == nullptr || strData->d_size != strHdr.sh_size)
-    return absl::nullopt;
-  const auto* table = static_cast<const unsigned char*>(strData->d_buf);
-  if (table[strData->d_size - 1] != '\0') return absl::nullopt;
-
-  std::unique_ptr<Impl, ImplDelete> impl(
-      Impl::make(static_cast<uint32_t>(shnum - 1), static_cast<uint32_t>(bytes.size())));
-  NameRef* names = impl->byHeader();
-  Elf_Scn* scn = nullptr;
-  uint32_t n = 0;
-  while ((scn = elf_nextscn(elf.get(), scn)) != nullptr) {
-    GElf_Shdr sh;
-    if (n == impl->count || gelf_getshdr(scn, &sh) == nullptr) return absl::nullopt;
-    if (sh.sh_type != SHT_NOBITS && sh.sh_type != SHT_NULL && !inside(sh.sh_offset, sh.sh_size, bytes.size()))
-      return absl::nullopt;
-    if (sh.sh_name >= strData->d_size) return absl::nullopt;
-    const auto* start = table + sh.sh_name;
-    const auto* end = static_cast<const unsigned char*>(std::memchr(start, 0, strData->d_size - sh.sh_name));
-    // The string table's data are its bytes in the file, so the name is
-    // found at the same place in the image's own copy.
-    names[n++] = NameRef{static_cast<uint32_t>(strHdr.sh_offset + sh.sh_name), static_cast<uint32_t>(end - start)};
-  }
-  if (n != impl->count) return absl::nullopt;
-
-  std::memcpy(impl->bytes(), bytes.data(), bytes.size());
-  NameRef* sorted = impl->sorted();
-  std::copy(names, names + n, sorted);
-  const Impl& self = *impl;
-  std::sort(sorted, sorted + n, [&self](NameRef a, NameRef b) { return self.name(a) < self.name(b); });
-
+  Layout l;
+  if (!readLayout(bytes.data(), bytes.size(), l) || !checkSections(bytes.data(), bytes.size(), l)) return absl::nullopt;
+  if (!Impl::fits(bytes.size())) throw std::bad_alloc();
+  const uint32_t size = static_cast<uint32_t>(bytes.size());
+  std::unique_ptr<NameRef[]> sorted = indexNames(bytes.data(), bytes.size(), l);
+  auto* block = static_cast<unsigned char*>(std::malloc(Impl::blockSize(size)));
+  if (block == nullptr) throw std::bad_alloc();
+  std::memcpy(block, bytes.data(), size);
   ELF image;
-  image.impl_ = impl.release();
+  image.impl_ = Impl::place(block, size, l.shnum - 1, std::move(sorted));
   return absl::optional<ELF>(std::move(image));
+}
+
+absl::optional<ELF> ELF::adopt(ELFBytes&& bytes) {
+  static_assert(sizeof(Impl) == 16 && alignof(Impl) == 8, "ELFBytes::adoptRoom() is the trailer's room");
+  Layout l;
+  if (!readLayout(bytes.data, bytes.size, l) || !checkSections(bytes.data, bytes.size, l)) return absl::nullopt;
+  if (!Impl::fits(bytes.size)) throw std::bad_alloc();
+  std::unique_ptr<NameRef[]> sorted = indexNames(bytes.data, bytes.size, l);
+  // Room for the trailer: a block made with adoptRoom() to spare has it
+  // already, others grow (and may move).
+  void* block = bytes.data;
+  if (malloc_usable_size(block) < Impl::blockSize(bytes.size)) {
+    block = std::realloc(bytes.data, Impl::blockSize(bytes.size));
+    if (block == nullptr) throw std::bad_alloc();
+  }
+  ELF image;
+  image.impl_ = Impl::place(static_cast<unsigned char*>(block), bytes.size, l.shnum - 1, std::move(sorted));
+  bytes.data = nullptr;
+  bytes.size = 0;
+  return absl::optional<ELF>(std::move(image));
+}
+
+absl::Span<unsigned char const> ELF::bytes() const noexcept {
+  if (impl_ == nullptr) return {};
+  return {impl_->bytes(), impl_->size};
 }
 
 bool ELF::hasSection(const std::string& name) const {
   if (impl_ == nullptr) return false;
   const std::string_view wanted(name);
-  const Impl& self = *impl_;
-  const NameRef* first = self.sorted();
-  const NameRef* last = first + self.count;
-  const NameRef* it =
-      std::lower_bound(first, last, wanted, [&self](NameRef a, std::string_view b) { return self.name(a) < b; });
-  return it != last && self.name(*it) == wanted;
+  const unsigned char* data = impl_->bytes();
+  if (impl_->sorted != nullptr) {
+    auto text = [data](NameRef n) {
+      return std::string_view(reinterpret_cast<const char*>(data) + n.offset, n.length);
+    };
+    const NameRef* first = impl_->sorted;
+    const NameRef* last = first + impl_->count;
+    const NameRef* it =
+        std::lower_bound(first, last, wanted, [&](NameRef a, std::string_view b) { return text(a) < b; });
+    return it != last && text(*it) == wanted;
+  }
+  // Names never hold NUL.
+  if (wanted.find('\0') != std::string_view::npos) return false;
+  Layout l;
+  readLayout(data, impl_->size, l);
+  return !forEachSection(data, impl_->size, l, [&](uint32_t, uint64_t name) {
+    return name + wanted.size() >= l.strSize ||
+           std::memcmp(data + l.strOffset + name, wanted.data(), wanted.size()) != 0 ||
+           data[l.strOffset + name + wanted.size()] != '\0';
+  });
 }
 
 std::vector<std::string> ELF::sectionNames() const {
   std::vector<std::string> out;
   if (impl_ == nullptr) return out;
+  const unsigned char* data = impl_->bytes();
+  Layout l;
+  readLayout(data, impl_->size, l);
   out.reserve(impl_->count);
-  for (uint32_t i = 0; i < impl_->count; ++i) out.emplace_back(impl_->name(impl_->byHeader()[i]));
+  forEachSection(data, impl_->size, l, [&](uint32_t, uint64_t name) {
+    out.emplace_back(nameAt(data, l, name));
+    return true;
+  });
   return out;
 }
 

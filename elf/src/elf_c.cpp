@@ -4,17 +4,19 @@
 // kelo_elf::ELF (capi/handles.h).
 #include "kelo/elf.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <new>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "capi/guard.h"
 #include "capi/handles.h"
 #include "kelo/elf.hpp"
+#include "serialize/orvel/io/ReadBuffer.h"
 
 namespace {
 
@@ -35,26 +37,28 @@ struct FileClose {
   void operator()(std::FILE* f) const noexcept { std::fclose(f); }
 };
 
-// Reads the whole file. False on any read error and for files too large to
-// be an image (the refusal comes before the memory for them is taken).
-bool readAll(const char* path, std::vector<unsigned char>& out) {
+// The image in the file at `path`, read into the block that the image then
+// takes over: sized from the file's size for a regular file, grown as bytes
+// arrive for any other. Null when the file cannot be read, holds more than
+// an image can (refused before the memory for it is taken) or is no image.
+keloElf* loadFile(const char* path) {
   std::unique_ptr<std::FILE, FileClose> file(std::fopen(path, "rb"));
-  if (!file) return false;
-  constexpr size_t kChunk = 64 * 1024;
-  constexpr uint64_t kMax = UINT32_MAX;
-  size_t used = 0;
-  for (;;) {
-    if (out.size() - used < kChunk) {
-      if (used > kMax) return false;
-      out.resize(used + kChunk);
-    }
-    const size_t got = std::fread(out.data() + used, 1, kChunk, file.get());
-    used += got;
-    if (got < kChunk) break;
-  }
-  if (std::ferror(file.get()) || used > kMax) return false;
-  out.resize(used);
-  return true;
+  if (!file) return nullptr;
+  // Unbuffered: the bytes go from the file straight into the block.
+  std::setvbuf(file.get(), nullptr, _IONBF, 0);
+  struct stat st;
+  absl::optional<uint64_t> size;
+  if (fstat(fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode)) size = static_cast<uint64_t>(st.st_size);
+  orvel_lib::io::Block block;
+  if (!orvel_lib::io::readToEnd(file.get(), block, kelo_elf::ELFBytes::kMaxAdoptRoom, UINT32_MAX, size) ||
+      block.size() == 0)
+    return nullptr;
+  file.reset();
+  kelo_elf::ELFBytes bytes(block.data(), static_cast<uint32_t>(block.size()));
+  block.release();
+  absl::optional<ELF> image = ELF::adopt(std::move(bytes));
+  if (!image) return nullptr;
+  return toHandle(new ELF(std::move(*image)));
 }
 
 }  // namespace
@@ -69,11 +73,7 @@ keloElf* keloElfLoad(const void* data, size_t size) {
 }
 
 keloElf* keloElfLoadFile(const char* path) {
-  return guarded<keloElf*>(nullptr, [&]() -> keloElf* {
-    std::vector<unsigned char> bytes;
-    if (path == nullptr || !readAll(path, bytes)) return nullptr;
-    return load(bytes);
-  });
+  return guarded<keloElf*>(nullptr, [&]() -> keloElf* { return path == nullptr ? nullptr : loadFile(path); });
 }
 
 void keloElfFree(keloElf* image) { delete toImage(image); }

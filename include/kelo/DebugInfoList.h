@@ -74,8 +74,9 @@ class DebugInfoList {
   // are allowed. Returns false, with the list untouched, when two pairs share
   // an old identifier, an old identifier is not filed, two pairs share a new
   // identifier, or a new identifier is held by an entry not renumbered.
-  // Renumbered images get their new identifier in debugInfoID. Every success
-  // (an empty span included) moves every entry to new storage.
+  // Renumbered images get their new identifier in debugInfoID. After every
+  // success (an empty span included) pointers from add() and find() are to
+  // be taken as invalid.
   KELO_EXPORT bool update(absl::Span<const DebugInfoNewID> ids);
 
   // The image filed under `id`, or null.

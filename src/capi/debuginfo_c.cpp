@@ -64,11 +64,13 @@ keloDbgElf keloDbgAdd(keloDbgList list, keloDbgElf image, uint16_t lo, uint16_t 
   return guarded<keloDbgElf>(nullptr, [&]() -> keloDbgElf {
     if (list == nullptr || image == nullptr) return nullptr;
     // The list files a copy, made through the saved form: the caller's image
-    // is only read. `bytes` frees its block and `copy` (moved from, or left
-    // over when the identifier is already filed) is destroyed on every path.
+    // is only read, and the copy takes over the saved block. `bytes` frees
+    // its block if the copy does not take it, and `copy` (moved from, or
+    // left over when the identifier is already filed) is destroyed on every
+    // path.
     absl::optional<kelo_elf::ELFBytes> bytes = toImage(image)->save();
     if (!bytes) return nullptr;
-    absl::optional<kelo_elf::ELF> copy = kelo_elf::ELF::load(bytes->span());
+    absl::optional<kelo_elf::ELF> copy = kelo_elf::ELF::adopt(std::move(*bytes));
     if (!copy) return nullptr;
     return toHandle(toList(list)->add(DebugInfoID(1, lo, hi), std::move(*copy)));
   });

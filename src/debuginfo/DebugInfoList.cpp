@@ -1,5 +1,7 @@
 #include "kelo/DebugInfoList.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -9,14 +11,64 @@
 namespace kelo_debuginfo {
 namespace {
 
-// update() moves every entry's contents into its new slot after all checks
-// have passed; that step must not throw, or the list would be left half
-// moved. These are the only operations it uses.
+// update() re-keys entries after all its checks have passed; that step must
+// not throw, or the list would be left half renumbered. It hashes and
+// compares identifiers and stamps images; nothing else.
 static_assert(noexcept(std::declval<const DebugInfoID&>().hash()), "the identifier hash must not throw");
-static_assert(std::is_nothrow_move_assignable<kelo_elf::ELF>::value, "image move assignment must not throw");
-static_assert(std::is_nothrow_move_constructible<kelo_elf::ELF>::value, "image moves must not throw");
-static_assert(std::is_nothrow_move_assignable<decltype(RelocELF::sectionAddrs)>::value,
-              "moving a section table must not throw");
+static_assert(noexcept(std::declval<const DebugInfoID&>() == std::declval<const DebugInfoID&>()),
+              "identifier equality must not throw");
+static_assert(std::is_nothrow_copy_assignable<decltype(kelo_elf::ELF::debugInfoID)>::value,
+              "stamping an image must not throw");
+
+// The identifiers that a renumbering deals with and the roles each plays:
+// old or new in a pair, filed in the list. One flat open-addressing table:
+// one allocation, no node per identifier.
+class RenumberingRoles {
+ public:
+  enum Role : uint8_t { kOld = 1, kNew = 2, kFiled = 4 };
+
+  // Room for `ids` identifiers, at most half of the slots used. (Far fewer
+  // than SIZE_MAX / 4: no overflow.)
+  explicit RenumberingRoles(std::size_t ids) : slots_(capacityFor(ids)), mask_(slots_.size() - 1) {}
+
+  // Starts fetching the slot of `id`, to be marked soon.
+  void prefetch(const DebugInfoID& id) const { __builtin_prefetch(&slots_[id.hash() & mask_]); }
+
+  // Gives `id` the role; answers the roles it had before.
+  uint8_t mark(const DebugInfoID& id, Role role) {
+    Slot& slot = slots_[indexOf(id)];
+    const uint8_t before = slot.roles;
+    slot.id = id;
+    slot.roles = static_cast<uint8_t>(before | role);
+    return before;
+  }
+
+ private:
+  struct Slot {
+    DebugInfoID id;
+    uint8_t roles = 0;  // 0: a free slot
+  };
+
+  static std::size_t capacityFor(std::size_t ids) {
+    std::size_t capacity = 8;
+    while (capacity < 2 * ids) capacity *= 2;
+    return capacity;
+  }
+
+  // The slot holding `id`, or the free slot where it belongs.
+  std::size_t indexOf(const DebugInfoID& id) const {
+    for (std::size_t i = id.hash() & mask_;; i = (i + 1) & mask_) {
+      const Slot& slot = slots_[i];
+      if (slot.roles == 0 || slot.id == id) return i;
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t mask_;
+};
+
+// Slots are fetched this many pairs ahead of their use.
+constexpr std::size_t kAhead = 8;
 
 }  // namespace
 
@@ -52,65 +104,48 @@ void DebugInfoList::clear() {
 }
 
 bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
-  // The new identifier of a renumbered entry, and the placeholder reserved
-  // for it in the new map.
-  struct Target {
-    DebugInfoID newID;
-    RelocELF* slot;
-  };
-  // One entry's contents on their way to their placeholder; newID is set
-  // only for entries that are renumbered.
-  struct Move {
-    RelocELF* source;
-    RelocELF* slot;
-    const DebugInfoID* newID;
-  };
-
-  // Phase 1: old -> new; an old identifier may appear once.
-  std::unordered_map<DebugInfoID, Target> renumbering;
-  renumbering.reserve(ids.size());
-  for (const DebugInfoNewID& pair : ids) {
-    if (!renumbering.try_emplace(pair.oldID, Target{pair.newID, nullptr}).second) return false;
+  // Checks first, with nothing changed: the four refusals. Whether an
+  // identifier is filed is asked of the map for each pair when the pairs are
+  // few; when they name a good part of the list, one walk over the list
+  // notes every filed identifier in the table instead, which costs less
+  // than two lookups a pair.
+  const bool walk = ids.size() * 4 >= entries.size();
+  RenumberingRoles roles(2 * ids.size() + (walk ? entries.size() : 0));
+  if (walk) {
+    for (const auto& entry : entries) roles.mark(entry.first, RenumberingRoles::kFiled);
+  }
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].oldID);
+    const uint8_t had = roles.mark(ids[i].oldID, RenumberingRoles::kOld);
+    if (had & RenumberingRoles::kOld) return false;  // an old identifier twice
+    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].oldID) != 0;
+    if (!filed) return false;  // an old identifier not filed
+  }
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].newID);
+    const uint8_t had = roles.mark(ids[i].newID, RenumberingRoles::kNew);
+    if (had & RenumberingRoles::kNew) return false;  // a new identifier twice
+    if (had & RenumberingRoles::kOld) continue;      // its entry moves away
+    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].newID) != 0;
+    if (filed) return false;  // held by an entry that keeps its identifier
   }
 
-  // Phase 2: every old identifier must be filed; reserve each new one once.
-  Map next;
-  next.reserve(entries.size());
-  for (auto& mapping : renumbering) {
-    if (entries.find(mapping.first) == entries.end()) return false;
-    auto reserved = next.try_emplace(mapping.second.newID);
-    if (!reserved.second) return false;
-    mapping.second.slot = &reserved.first->second;
+  // Re-keying. The renumbered entries' nodes are taken out of the map, given
+  // their new keys and put back: entries stay where they are in memory and
+  // nothing is allocated. The nodes go back as many as came out, so the
+  // standard containers' rule (no rehash while the size stays within
+  // max_load_factor() * bucket_count()) keeps the bucket array as it is; the
+  // identifier hash and equality do not throw, and the checks above leave no
+  // collision. This step cannot fail.
+  std::vector<Map::node_type> nodes;
+  nodes.reserve(ids.size());
+  for (const DebugInfoNewID& pair : ids) nodes.push_back(entries.extract(pair.oldID));
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    Map::node_type& node = nodes[i];
+    node.key() = ids[i].newID;
+    node.mapped().elf.debugInfoID = ids[i].newID;
+    entries.insert(std::move(node));
   }
-
-  // Phase 3: entries not renumbered keep their identifiers, which must not
-  // be taken by a new one. Where each entry goes is noted on the way, so
-  // the moves below need no lookups.
-  std::vector<Move> moves;
-  moves.reserve(entries.size());
-  for (auto& entry : entries) {
-    auto mapping = renumbering.find(entry.first);
-    if (mapping != renumbering.end()) {
-      moves.push_back(Move{&entry.second, mapping->second.slot, &mapping->second.newID});
-      continue;
-    }
-    auto reserved = next.try_emplace(entry.first);
-    if (!reserved.second) return false;
-    moves.push_back(Move{&entry.second, &reserved.first->second, nullptr});
-  }
-
-  // Phase 4: nothing here allocates or throws. Images and section tables
-  // move into their placeholders, in the list's order; renumbered images
-  // are stamped first.
-  for (const Move& move : moves) {
-    if (move.newID != nullptr) move.source->elf.debugInfoID = *move.newID;
-    move.slot->elf = std::move(move.source->elf);
-    move.slot->sectionAddrs = std::move(move.source->sectionAddrs);
-  }
-
-  // Phase 5: the new map replaces the old one.
-  entries.clear();
-  entries = std::move(next);
   return true;
 }
 

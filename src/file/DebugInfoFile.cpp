@@ -50,36 +50,38 @@ struct Decodable<DebugInfoID> {
   }
 };
 
-// The image's saved bytes as a byte sequence. Saving is a non-const
-// operation of the image library, hence the non-const reference. The saved
-// block is released on every path by its own destructor.
+// The image's bytes as a byte sequence, written from where the image keeps
+// them: the same bytes that save() would give, without the copy. An empty
+// image (a placeholder, no ELF file) cannot be serialised.
 template <>
 struct Encodable<kelo_elf::ELF> {
   template <typename Enc, typename Res = Result<absl::monostate, typename Enc::ErrTy>>
-  static Res encode(kelo_elf::ELF& image, Enc& enc) {
-    absl::optional<kelo_elf::ELFBytes> bytes = image.save();
-    if (!bytes) return typename Enc::ErrTy{};
-    return Encodable<absl::Span<unsigned char const>>::encode(bytes->span(), enc);
+  static Res encode(const kelo_elf::ELF& image, Enc& enc) {
+    const absl::Span<unsigned char const> bytes = image.bytes();
+    if (bytes.empty()) return typename Enc::ErrTy{};
+    return Encodable<absl::Span<unsigned char const>>::encode(bytes, enc);
   }
 };
 
-// A byte sequence loaded into a new image. Exceptions of the byte reader and
-// of the image library pass through.
+// A byte sequence that a new image takes over: the bytes are read straight
+// into the block that the image then keeps. Exceptions of the byte reader
+// and of the image library pass through.
 template <>
 struct Decodable<kelo_elf::ELF> {
   template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    std::vector<unsigned char> scratch;
-    return decode(dec, scratch);
-  }
-
-  // The same, reading the bytes into a buffer that the caller reuses across
-  // images; the image keeps its own copy.
-  template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
-    auto read = Decodable<std::vector<unsigned char>>::decodeInto(dec, scratch);
+    orvel_lib::io::Block block;
+    auto read = dec.readSeq(
+        [&block](Dec& d, unsigned count) { return d.readBytes(count, block, kelo_elf::ELFBytes::adoptRoom(count)); });
     if (!read.isOk()) return typename Dec::ErrTy{};
-    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(absl::MakeConstSpan(scratch));
+    // No bytes make an empty ELFBytes, which owns no memory; the block's
+    // own room is freed with the block.
+    kelo_elf::ELFBytes bytes;
+    if (block.size() != 0) {
+      bytes = kelo_elf::ELFBytes(block.data(), static_cast<uint32_t>(block.size()));
+      block.release();
+    }
+    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::adopt(std::move(bytes));
     if (!image) return typename Dec::ErrTy{};
     return Res(std::move(*image));
   }
@@ -103,20 +105,20 @@ template <>
 struct Decodable<RelocELF> {
   template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    std::vector<unsigned char> scratch;
-    return decode(dec, scratch);
+    RelocELF entry;
+    if (!decodeInto(dec, entry).isOk()) return typename Dec::ErrTy{};
+    return Res(std::move(entry));
   }
 
-  template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec, std::vector<unsigned char>& scratch) {
+  // The same into `entry`, an empty one (as a new map node holds), without
+  // moving anything after it is read.
+  template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
+  static Res decodeInto(Dec& dec, RelocELF& entry) {
     try {
-      auto image = Decodable<kelo_elf::ELF>::decode(dec, scratch);
+      auto image = Decodable<kelo_elf::ELF>::decode(dec);
       if (!image.isOk()) return typename Dec::ErrTy{};
-      auto sections = Decodable<std::unordered_map<std::string, unsigned>>::decode(dec);
-      if (!sections.isOk()) return typename Dec::ErrTy{};
-      RelocELF entry(std::move(image.value()));
-      entry.sectionAddrs = std::move(sections.value());
-      return Res(std::move(entry));
+      entry.elf = std::move(image.value());
+      return Decodable<std::unordered_map<std::string, unsigned>>::decodeInto(dec, entry.sectionAddrs);
     } catch (...) {
       return typename Dec::ErrTy{};
     }
@@ -131,9 +133,20 @@ struct Encodable<DebugInfoList::Map> {
   static Res encode(DebugInfoList::Map& entries, Enc& enc) {
     if (!binary::detail::fitsCount(entries.size())) return typename Enc::ErrTy{};
     return enc.emitMap(static_cast<unsigned>(entries.size()), [&entries](Enc& e) -> Res {
-      for (auto& entry : entries) {
-        Res r = Encodable<DebugInfoID>::encode(entry.first, e);
-        if (r.isOk()) r = Encodable<RelocELF>::encode(entry.second, e);
+      // Entries lie scattered in memory. While one is written, what the
+      // next one's image keeps beside its bytes and its first section record
+      // are fetched, and the entry after that.
+      const auto end = entries.end();
+      for (auto it = entries.begin(); it != end; ++it) {
+        const auto next = std::next(it);
+        if (next != end) {
+          const auto after = std::next(next);
+          if (after != end) __builtin_prefetch(&*after);
+          next->second.elf.prefetch();
+          if (!next->second.sectionAddrs.empty()) __builtin_prefetch(&*next->second.sectionAddrs.begin());
+        }
+        Res r = Encodable<DebugInfoID>::encode(it->first, e);
+        if (r.isOk()) r = Encodable<RelocELF>::encode(it->second, e);
         if (!r.isOk()) return r;
       }
       return absl::monostate{};
@@ -153,13 +166,16 @@ struct Decodable<DebugInfoList> {
       // Reserve only what the rest of the file can back; the count itself is
       // untrusted.
       entries.reserve(d.backedCount(count, kelo_debuginfo::format::kMinEntrySize));
-      std::vector<unsigned char> scratch;
+      // Each entry is read straight into its node. One whose identifier was
+      // read before is read into `repeated` and dropped.
+      RelocELF repeated;
       for (unsigned i = 0; i < count; ++i) {
         auto id = Decodable<DebugInfoID>::decode(d);
         if (!id.isOk()) return typename Dec::ErrTy{};
-        auto entry = Decodable<RelocELF>::decode(d, scratch);
-        if (!entry.isOk()) return typename Dec::ErrTy{};
-        entries.try_emplace(id.value(), std::move(entry.value()));
+        auto slot = entries.try_emplace(id.value());
+        if (!slot.second) repeated = RelocELF();
+        if (!Decodable<RelocELF>::decodeInto(d, slot.second ? slot.first->second : repeated).isOk())
+          return typename Dec::ErrTy{};
       }
       DebugInfoList list;
       list.entries = std::move(entries);
@@ -184,9 +200,10 @@ using Decoder = orvel_lib::serialize::binary::Decoder<File>;
 using format::kMagic;
 using format::kVersion;
 
-// Streams that carry whole lists get a large buffer: image bytes go through
-// in bulk, and the many small fields of an entry cost no system calls.
-constexpr std::size_t kListBuffer = std::size_t{1} << 20;
+// Streams that carry whole lists get a buffer of their own size (see
+// io/ReadBuffer.h): image bytes pass it by, and the many small fields of an
+// entry cost no system calls.
+constexpr std::size_t kListBuffer = orvel_lib::io::buffers::kStreamBuffer;
 
 // An opened debug-info file, positioned just after its header, and the
 // header's version bytes (the reserved byte is not kept).

@@ -11,6 +11,7 @@
 #include "absl/types/span.h"
 #include "file/DebugInfoFile.h"
 #include "file/format.h"
+#include "serialize/orvel/io/ReadBuffer.h"
 #include "serialize/orvel/serialize/binary.h"
 
 namespace kelo_debuginfo {
@@ -95,8 +96,15 @@ class Walker {
     if (!prefix(length, {index, offset_, "image length"})) return false;
     length &= 0xFFFFFFFFu;
     const Place image{index, offset_, "image"};
-    if (!bytes(length, image)) return false;
-    if (!kelo_elf::ELF::load(absl::MakeConstSpan(scratch_))) return fail(Fault::kBadImage, image, length);
+    if (!bytes(length, image, kelo_elf::ELFBytes::kMaxAdoptRoom)) return false;
+    // Loaded where the bytes lie, as the reader does, and dropped again. (No
+    // bytes are no image.)
+    bool loads = false;
+    if (length != 0) {
+      kelo_elf::ELFBytes block(scratch_.release(), static_cast<uint32_t>(length));
+      loads = kelo_elf::ELF::adopt(std::move(block)).has_value();
+    }
+    if (!loads) return fail(Fault::kBadImage, image, length);
 
     uint64_t sections;
     if (!prefix(sections, {index, offset_, "section count"})) return false;
@@ -108,7 +116,7 @@ class Walker {
       if (!read(nameLength, {index, offset_, "section name length"})) return false;
       if ((nameLength >> 32) != 0) return fail(Fault::kTooLong, {index, recordAt, "section name length"}, nameLength);
       if (!bytes(nameLength, {index, offset_, "section name"})) return false;
-      std::string name(scratch_.begin(), scratch_.end());
+      std::string name(reinterpret_cast<const char*>(scratch_.data()), scratch_.size());
       uint32_t address;
       if (!read(address, {index, offset_, "section address"})) return false;
       if (!names_.insert(name).second) {
@@ -169,9 +177,13 @@ class Walker {
     return true;
   }
 
-  bool bytes(uint64_t n, const Place& place) {
-    if (n > scratch_.max_size()) return fail(Fault::kTooBig, place, n);
-    if (!dec_.readBytes(static_cast<size_t>(n), scratch_).isOk()) return fail(Fault::kTruncated, place, n);
+  bool bytes(uint64_t n, const Place& place, size_t spare = 0) {
+    if (n > orvel_lib::io::buffers::kMaxBlock - spare) return fail(Fault::kTooBig, place, n);
+    try {
+      if (!dec_.readBytes(static_cast<size_t>(n), scratch_, spare).isOk()) return fail(Fault::kTruncated, place, n);
+    } catch (const orvel_lib::io::LengthError&) {
+      return fail(Fault::kTooBig, place, n);
+    }
     offset_ += n;
     return true;
   }
@@ -197,7 +209,7 @@ class Walker {
   Report& report_;
   uint64_t offset_ = 0;
   kelo_elf::DebugInfoID id_;
-  std::vector<unsigned char> scratch_;
+  orvel_lib::io::Block scratch_;
   std::unordered_set<std::string> names_;
 };
 

@@ -5,11 +5,9 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -17,6 +15,7 @@
 #include "double/elf_double.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
+#include "support/files.h"
 
 namespace capi_test {
 
@@ -60,23 +59,7 @@ inline Snapshot snapshot(keloDbgList list) {
   return s;
 }
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object dies.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = "/tmp/kelo_capi_XXXXXX";
-    path_ = mkdtemp(&pattern[0]) ? pattern : std::string();
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using kelo_test::TempDir;
 
 }  // namespace capi_test
 

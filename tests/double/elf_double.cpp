@@ -75,17 +75,11 @@ struct ELF::Impl {
   ~Impl() { --state().liveImplementations; }
 };
 
-size_t DebugInfoID::hash() const noexcept {
-  // Deliberately weak: many identifiers share buckets, which exercises the
-  // collision paths of the maps that use it.
-  return (size_t{kind} * 31u + lo) ^ (size_t{hi} << 3);
-}
-
-ELF::ELF() noexcept { ++state().defaultConstructed; }
+ELF::ELF() noexcept { ++state().liveObjects; }
 
 ELF::ELF(ELF&& other) noexcept : debugInfoID(other.debugInfoID), impl_(other.impl_) {
   other.impl_ = nullptr;
-  ++state().moveConstructed;
+  ++state().liveObjects;
 }
 
 ELF& ELF::operator=(ELF&& other) noexcept {
@@ -95,19 +89,17 @@ ELF& ELF::operator=(ELF&& other) noexcept {
     other.impl_ = nullptr;
     debugInfoID = other.debugInfoID;
   }
-  ++state().moveAssigned;
   return *this;
 }
 
 ELF::~ELF() {
   delete impl_;
-  ++state().destroyed;
+  --state().liveObjects;
 }
 
 absl::optional<ELFBytes> ELF::save() {
   if (elf_double::trip(state().saveFault, state().saveCountdown)) return absl::nullopt;
-  ++state().saves;
-  if (impl_ == nullptr || impl_->bytes.empty()) return ELFBytes{};
+  if (impl_ == nullptr) return absl::nullopt;
   auto* data = static_cast<unsigned char*>(std::malloc(impl_->bytes.size()));
   if (data == nullptr) return absl::nullopt;
   std::memcpy(data, impl_->bytes.data(), impl_->bytes.size());
@@ -115,7 +107,6 @@ absl::optional<ELFBytes> ELF::save() {
 }
 
 absl::optional<ELF> ELF::load(absl::Span<unsigned char const> bytes) {
-  ++state().loadCalls;
   if (elf_double::trip(state().loadFault, state().loadCountdown)) return absl::nullopt;
   if (bytes.size() < sizeof elf_double::kMagic ||
       std::memcmp(bytes.data(), elf_double::kMagic, sizeof elf_double::kMagic) != 0) {
@@ -132,10 +123,19 @@ absl::optional<ELF> ELF::load(absl::Span<unsigned char const> bytes) {
   }
   if (start != bytes.size()) return absl::nullopt;  // an unterminated name
   absl::optional<ELF> out(absl::in_place);
-  --state().defaultConstructed;  // counted as loaded instead
-  ++state().loaded;
   out->impl_ = impl.release();
   return out;
+}
+
+absl::optional<ELF> ELF::adopt(ELFBytes&& bytes) {
+  absl::optional<ELF> image = load(bytes.span());
+  if (image) bytes = ELFBytes();
+  return image;
+}
+
+absl::Span<unsigned char const> ELF::bytes() const noexcept {
+  if (impl_ == nullptr) return {};
+  return absl::MakeConstSpan(impl_->bytes);
 }
 
 bool ELF::hasSection(const std::string& name) const {

@@ -1,8 +1,8 @@
 // A test double of the image library. It implements the same kelo_elf::ELF
 // interface as the real library, but its images are tiny: the bytes
-// "KDBL" followed by NUL-terminated section names. Tests tell its save() and
-// load() to fail or to throw, and read counters that prove images are moved,
-// never copied, and never leaked.
+// "KDBL" followed by NUL-terminated section names. Tests tell its save(),
+// load() and hasSection() to fail or to throw, and read counters that prove
+// images are moved, never copied, and never leaked.
 //
 // The control block is process-wide (test code only); call reset() at the
 // start of every test.
@@ -30,21 +30,12 @@ struct Control {
   // successful ones. A fault stays armed until it is reset.
   Fault saveFault = Fault::kNone;
   int saveCountdown = 0;
-  Fault loadFault = Fault::kNone;
+  Fault loadFault = Fault::kNone;  // load() and adopt()
   int loadCountdown = 0;
   Fault hasSectionFault = Fault::kNone;
 
-  // Counters.
-  long defaultConstructed = 0;
-  long loaded = 0;  // images made by a successful load()
-  long moveConstructed = 0;
-  long moveAssigned = 0;
-  long destroyed = 0;
-  long saves = 0;  // successful save() calls
-  long loadCalls = 0;
-  long liveImplementations = 0;  // image contents currently alive
-
-  long live() const { return defaultConstructed + loaded + moveConstructed - destroyed; }
+  long liveObjects = 0;          // ELF objects, empty ones included
+  long liveImplementations = 0;  // image contents: loaded, not yet destroyed
 };
 
 Control& control();

@@ -1,104 +1,61 @@
-// The debug-info file with the image library's test double: exact bytes,
-// version rules, damaged files, failing writes and file-name handling.
 #include "file/DebugInfoFile.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <new>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "double/elf_double.h"
+#include "support/bytes.h"
+#include "support/files.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using kelo_debuginfo::DebugInfoList;
 using kelo_debuginfo::file::normalizeFileName;
 using kelo_debuginfo::file::readList;
 using kelo_debuginfo::file::readVersion;
 using kelo_debuginfo::file::writeList;
 using kelo_elf::DebugInfoID;
-using Bytes = std::vector<unsigned char>;
+using kelo_test::Bytes;
+using kelo_test::le;
+using kelo_test::text;
+using kelo_test::operator+;
 using Sections = std::unordered_map<std::string, unsigned>;
 using elf_double::Fault;
 
-Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-Bytes le64(uint64_t v) {
-  Bytes out;
-  for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
-  return out;
-}
-
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-
-Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
-
 Bytes header(uint8_t major = 1, uint8_t minor = 1, uint8_t patch = 2, uint8_t reserved = 0) {
-  return Bytes{0x80, 'K', 'E', 'L', 'O', 'D', 'B', 'G', major, minor, patch, reserved};
+  return kelo_test::fileHeader(major, minor, patch, reserved);
 }
 
 // One entry as the file holds it; sections in the given order.
-Bytes entry(DebugInfoID id, const Bytes& image, const std::vector<std::pair<std::string, unsigned>>& sections = {},
+Bytes entry(DebugInfoID id, const Bytes& image, const std::vector<std::pair<std::string, uint32_t>>& sections = {},
             uint64_t imageLengthHigh = 0, uint64_t sectionCountHigh = 0) {
-  Bytes out{id.kind, uint8_t(id.lo), uint8_t(id.lo >> 8), uint8_t(id.hi), uint8_t(id.hi >> 8)};
-  out = out + le64(imageLengthHigh | image.size()) + image + le64(sectionCountHigh | sections.size());
-  for (const auto& s : sections) out = out + le64(s.first.size()) + text(s.first) + le32(s.second);
-  return out;
+  return kelo_test::fileEntry(id.kind, id.lo, id.hi, image, sections, imageLengthHigh, sectionCountHigh);
 }
 
 Bytes imageBytes(const std::vector<std::string>& sections) { return elf_double::bytesWithSections(sections); }
 
-int openFds() {
-  int n = 0;
-  for (auto it = fs::directory_iterator("/proc/self/fd"); it != fs::directory_iterator(); ++it) ++n;
-  return n;
-}
-
 class DebugInfoFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    elf_double::reset();
-    char tmpl[] = "/tmp/kelo-file-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
+  void SetUp() override { elf_double::reset(); }
 
   void TearDown() override {
-    fs::remove_all(dir_);
     // Every image that was loaded or moved has been destroyed again.
     EXPECT_EQ(elf_double::control().liveImplementations, 0);
   }
 
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
-  void put(const std::string& name, const Bytes& bytes) const {
-    std::ofstream out(path(name), std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  }
-
-  Bytes get(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  std::string path(const std::string& name) const { return dir_.file(name); }
+  void put(const std::string& name, const Bytes& bytes) const { ASSERT_TRUE(kelo_test::writeFile(path(name), bytes)); }
+  Bytes get(const std::string& name) const { return kelo_test::readFile(path(name)); }
 
   absl::optional<DebugInfoList> readBytes(const Bytes& bytes) const {
     put("in.kdbg", bytes);
     return readList(path("in.kdbg").c_str());
   }
 
-  std::string dir_;
+  kelo_test::TempDir dir_;
 };
 
 // A list whose entries have the given section tables (all names recordable:
@@ -117,7 +74,7 @@ DebugInfoList listOf(const std::vector<std::pair<DebugInfoID, Sections>>& entrie
 TEST_F(DebugInfoFileTest, WritesTheExactBytesOfTheFormat) {
   DebugInfoList empty;
   ASSERT_TRUE(writeList(empty, path("empty.kdbg").c_str()));
-  EXPECT_EQ(get("empty.kdbg"), (Bytes{0x80, 0x4B, 0x45, 0x4C, 0x4F, 0x44, 0x42, 0x47, 1, 1, 2, 0} + le64(0)));
+  EXPECT_EQ(get("empty.kdbg"), (Bytes{0x80, 0x4B, 0x45, 0x4C, 0x4F, 0x44, 0x42, 0x47, 1, 1, 2, 0} + le(8, 0)));
   absl::optional<DebugInfoList> read = readList(path("empty.kdbg").c_str());
   ASSERT_TRUE(read.has_value());
   EXPECT_TRUE(read->entries.empty());
@@ -126,38 +83,12 @@ TEST_F(DebugInfoFileTest, WritesTheExactBytesOfTheFormat) {
   DebugInfoList one = listOf({{id, {{".text", 0x11223344}}}});
   ASSERT_TRUE(writeList(one, path("one.kdbg").c_str()));
   const Bytes file = get("one.kdbg");
-  EXPECT_EQ(file, header() + le64(1) + entry(id, imageBytes({".text"}), {{".text", 0x11223344}}));
+  EXPECT_EQ(file, header() + le(8, 1) + entry(id, imageBytes({".text"}), {{".text", 0x11223344}}));
   EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + 25), (Bytes{0x01, 0x02, 0x00, 0x01, 0x00}));
 }
 
-TEST_F(DebugInfoFileTest, RoundTripKeepsIdentifiersImagesAndAddresses) {
-  std::vector<std::pair<DebugInfoID, Sections>> entries;
-  for (unsigned i = 0; i < 6; ++i) {
-    Sections sections;
-    for (unsigned s = 0; s < i % 3; ++s) sections[".s" + std::to_string(s)] = i * 1000 + s;
-    entries.push_back({DebugInfoID(uint8_t(i % 3 == 2 ? 255 : i % 2), uint16_t(i * 7), uint16_t(i % 5)), sections});
-  }
-  DebugInfoList list = listOf(entries);
-  list.setSectionAddr(entries[0].first, ".constant", 0xFFFFFFFF);
-  entries[0].second[".constant"] = 0xFFFFFFFF;
-  ASSERT_TRUE(writeList(list, path("many.kdbg").c_str()));
-  EXPECT_EQ(list.entries.size(), entries.size());  // writing leaves the list alone
-
-  absl::optional<DebugInfoList> read = readList(path("many.kdbg").c_str());
-  ASSERT_TRUE(read.has_value());
-  ASSERT_EQ(read->entries.size(), entries.size());
-  for (const auto& e : entries) {
-    auto it = read->entries.find(e.first);
-    ASSERT_NE(it, read->entries.end());
-    EXPECT_EQ(it->second.sectionAddrs, e.second);
-    EXPECT_EQ(it->second.elf.sectionNames(), list.find(e.first)->sectionNames());
-    // Reading does not stamp identifiers; the double's load leaves none.
-    EXPECT_FALSE(it->second.elf.debugInfoID.has_value());
-  }
-}
-
 TEST_F(DebugInfoFileTest, EveryOneDotOneVersionIsReadOthersOnlyReported) {
-  const Bytes body = le64(1) + entry(DebugInfoID(0, 9, 0), imageBytes({".a"}));
+  const Bytes body = le(8, 1) + entry(DebugInfoID(0, 9, 0), imageBytes({".a"}));
   for (const Bytes& h : {header(1, 1, 7), header(1, 1, 2, 0xFF)}) {
     absl::optional<DebugInfoList> read = readBytes(h + body);
     ASSERT_TRUE(read.has_value());
@@ -180,7 +111,7 @@ TEST_F(DebugInfoFileTest, MissingShortOrForeignFilesAreRefused) {
   EXPECT_FALSE(readList(path("missing").c_str()).has_value());
   EXPECT_FALSE(readVersion(path("missing").c_str()).has_value());
 
-  Bytes wrongMagic = header() + le64(0);
+  Bytes wrongMagic = header() + le(8, 0);
   wrongMagic[0] = 0x00;
   const Bytes good = header();
   const Bytes shortHeader(good.begin(), good.end() - 1);
@@ -191,15 +122,15 @@ TEST_F(DebugInfoFileTest, MissingShortOrForeignFilesAreRefused) {
 
   // A good header followed by a body that does not decode: only the version
   // can be read.
-  EXPECT_FALSE(readBytes(header() + le64(1) + Bytes{1, 2}).has_value());
+  EXPECT_FALSE(readBytes(header() + le(8, 1) + Bytes{1, 2}).has_value());
   EXPECT_TRUE(readVersion(path("in.kdbg").c_str()).has_value());
 }
 
 TEST_F(DebugInfoFileTest, RepeatedEntriesKeepTheFirstAndTrailingBytesAreIgnored) {
   const DebugInfoID id(1, 5, 0);
   absl::optional<DebugInfoList> read =
-      readBytes(header() + le64(2) + entry(id, imageBytes({".first"}), {{".x", 1}, {".y", 2}, {".x", 3}}) +
-                entry(id, imageBytes({".second"}), {{".x", 4}}) + text("trailing garbage") + le64(99));
+      readBytes(header() + le(8, 2) + entry(id, imageBytes({".first"}), {{".x", 1}, {".y", 2}, {".x", 3}}) +
+                entry(id, imageBytes({".second"}), {{".x", 4}}) + text("trailing garbage") + le(8, 99));
   ASSERT_TRUE(read.has_value());
   ASSERT_EQ(read->entries.size(), 1u);
   const auto& e = read->entries.at(id);
@@ -212,25 +143,25 @@ TEST_F(DebugInfoFileTest, HighHalfIsIgnoredInCountsButRefusedInNames) {
   const uint64_t high = uint64_t{0xDEAD} << 32;
   const Bytes image = imageBytes({".a"});
 
-  Bytes counts = header() + le64(high | 1) + entry(id, image, {{".a", 9}}, high, high);
+  Bytes counts = header() + le(8, high | 1) + entry(id, image, {{".a", 9}}, high, high);
   absl::optional<DebugInfoList> read = readBytes(counts);
   ASSERT_TRUE(read.has_value());
   EXPECT_EQ(read->getSectionAddr(id, ".a"), 9u);
 
-  Bytes name = header() + le64(1) + entry(id, image);
+  Bytes name = header() + le(8, 1) + entry(id, image);
   name.resize(name.size() - 8);  // replace the empty section table
-  name = name + le64(1) + le64(high | 2) + text(".a") + le32(9);
+  name = name + le(8, 1) + le(8, high | 2) + text(".a") + le(4, 9);
   EXPECT_FALSE(readBytes(name).has_value());
 }
 
 TEST_F(DebugInfoFileTest, AnImageThatDoesNotLoadFailsTheWholeRead) {
   const Bytes good = entry(DebugInfoID(1, 1, 0), imageBytes({".a"}));
-  EXPECT_FALSE(readBytes(header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), text("XXXX"))).has_value());
-  EXPECT_FALSE(readBytes(header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), {})).has_value());
+  EXPECT_FALSE(readBytes(header() + le(8, 2) + good + entry(DebugInfoID(1, 2, 0), text("XXXX"))).has_value());
+  EXPECT_FALSE(readBytes(header() + le(8, 2) + good + entry(DebugInfoID(1, 2, 0), {})).has_value());
 
   // Failures and exceptions of the image library on the second image.
-  const Bytes file = header() + le64(2) + good + entry(DebugInfoID(1, 2, 0), imageBytes({".b"}));
-  const int fds = openFds();
+  const Bytes file = header() + le(8, 2) + good + entry(DebugInfoID(1, 2, 0), imageBytes({".b"}));
+  const int fds = kelo_test::openFds();
   for (Fault fault : {Fault::kFail, Fault::kThrowBadAlloc, Fault::kThrowRuntime, Fault::kThrowInt}) {
     elf_double::control().loadFault = fault;
     elf_double::control().loadCountdown = 1;
@@ -239,24 +170,24 @@ TEST_F(DebugInfoFileTest, AnImageThatDoesNotLoadFailsTheWholeRead) {
     EXPECT_FALSE(read.has_value());
     EXPECT_EQ(elf_double::control().liveImplementations, 0);
   }
-  EXPECT_EQ(openFds(), fds);
+  EXPECT_EQ(kelo_test::openFds(), fds);
 }
 
-TEST_F(DebugInfoFileTest, WriteFailuresAnswerFalse) {
-  DebugInfoList small = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
-  EXPECT_FALSE(writeList(small, path("no/such/dir/f.kdbg").c_str()));
-  EXPECT_FALSE(fs::exists(path("no")));
-  EXPECT_FALSE(writeList(small, nullptr));
+// A file that cannot be created, or an empty image (a placeholder: no ELF
+// file), fails the write. The file is closed, and what it had before is
+// gone: it holds at most what came before the empty image.
+TEST_F(DebugInfoFileTest, AFailedWriteClosesAndLeavesTheFileTruncated) {
+  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}});
+  EXPECT_FALSE(writeList(list, path("no/such/dir/f.kdbg").c_str()));
+  EXPECT_FALSE(writeList(list, nullptr));
   EXPECT_FALSE(readList(nullptr).has_value());
   EXPECT_FALSE(readVersion(nullptr).has_value());
-}
 
-TEST_F(DebugInfoFileTest, FailedWriteLeavesTheOldFileTruncated) {
   put("old.kdbg", Bytes(4096, 'z'));
-  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {{".a", 1}}}, {DebugInfoID(1, 2, 0), {}}});
-  elf_double::control().saveFault = Fault::kFail;
-  elf_double::control().saveCountdown = 1;
+  list.entries.emplace(DebugInfoID(1, 2, 0), kelo_debuginfo::RelocELF());
+  const int fds = kelo_test::openFds();
   EXPECT_FALSE(writeList(list, path("old.kdbg").c_str()));
+  EXPECT_EQ(kelo_test::openFds(), fds);
 
   const Bytes left = get("old.kdbg");
   // At most the header, the count, the first entry and the second identifier.
@@ -265,23 +196,7 @@ TEST_F(DebugInfoFileTest, FailedWriteLeavesTheOldFileTruncated) {
   EXPECT_EQ(Bytes(left.begin(), left.begin() + 12), header());
 }
 
-TEST_F(DebugInfoFileTest, SaveFailureOrExceptionClosesTheFile) {
-  DebugInfoList list = listOf({{DebugInfoID(1, 1, 0), {}}});
-  const std::string name = path("out.kdbg");
-  const int fds = openFds();
-
-  for (Fault fault : {Fault::kFail, Fault::kThrowBadAlloc, Fault::kThrowInt, Fault::kNone}) {
-    elf_double::control().saveFault = fault;
-    try {
-      EXPECT_EQ(writeList(list, name.c_str()), fault == Fault::kNone);
-    } catch (...) {
-      EXPECT_NE(fault, Fault::kFail);
-    }
-    EXPECT_EQ(openFds(), fds);
-  }
-}
-
-TEST(NormalizeFileName, CollapsesRunsOfSlashesAndNothingElse) {
+TEST_F(DebugInfoFileTest, FileNamesCollapseRunsOfSlashesAndNothingElse) {
   const std::pair<const char*, std::string> cases[] = {{"a///b////c", "a/b/c"},
                                                        {"//x//y", "//x/y"},
                                                        {"///x", "/x"},
@@ -291,11 +206,9 @@ TEST(NormalizeFileName, CollapsesRunsOfSlashesAndNothingElse) {
                                                        {"", ""},
                                                        {"\xff\xfe/\\", "\xff\xfe/\\"}};
   for (const auto& c : cases) EXPECT_EQ(normalizeFileName(c.first), c.second) << c.first;
-}
 
-TEST_F(DebugInfoFileTest, DoubledSlashesNameTheSameFile) {
   DebugInfoList list = listOf({{DebugInfoID(1, 4, 0), {}}});
-  ASSERT_TRUE(writeList(list, (dir_ + "//same.kdbg").c_str()));
+  ASSERT_TRUE(writeList(list, (dir_.path() + "//same.kdbg").c_str()));
   EXPECT_TRUE(readList(path("same.kdbg").c_str()).has_value());
   // A leading "//" is kept; on this system it names the root as well.
   EXPECT_TRUE(readVersion(("/" + path("same.kdbg")).c_str()).has_value());

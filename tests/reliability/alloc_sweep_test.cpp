@@ -12,9 +12,7 @@
 // Built twice: with the image library's test double (which also counts live
 // images) and with the real image library (whose own malloc calls are not
 // covered by operator new).
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -30,6 +28,7 @@
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
 #include "reliability_support.h"
+#include "support/files.h"
 
 namespace {
 
@@ -39,15 +38,6 @@ using reliability::snapshot;
 
 DebugInfoList& listOf(keloDbgList h) { return *kelo_handles::toList(h); }
 keloDbgElf handle(kelo_elf::ELF& image) { return kelo_handles::toHandle(&image); }
-
-int openFds() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/fd")) {
-    while (readdir64(d) != nullptr) ++n;
-    closedir(d);
-  }
-  return n;
-}
 
 // Two lists with entries and section addresses, a caller's image, and a file
 // holding the first list; built with allocation failures disarmed.
@@ -87,8 +77,6 @@ struct World {
     keloDbgFree(made);
     keloDbgFree(list);
     keloDbgFree(other);
-    std::remove(file.c_str());
-    std::remove(out.c_str());
   }
   World(const World&) = delete;
   World& operator=(const World&) = delete;
@@ -110,7 +98,7 @@ long sweep(const char* name, const Sweep& s) {
     const Snapshot other = snapshot(listOf(w.other));
     const long live = counting_new::liveCount();
     const long images = reliability::liveImages();
-    const int fds = openFds();
+    const int fds = kelo_test::openFds();
 
     counting_new::failAt(k);
     const bool ok = s.call(w);
@@ -129,7 +117,7 @@ long sweep(const char* name, const Sweep& s) {
     EXPECT_TRUE(tripped) << name << " failed without an allocation failure";
     EXPECT_EQ(counting_new::liveCount(), live) << name << ": allocations leaked, failing allocation " << k;
     EXPECT_EQ(reliability::liveImages(), images) << name << ": images leaked, failing allocation " << k;
-    EXPECT_EQ(openFds(), fds) << name << ": a file left open, failing allocation " << k;
+    EXPECT_EQ(kelo_test::openFds(), fds) << name << ": a file left open, failing allocation " << k;
     EXPECT_EQ(snapshot(listOf(w.list)), list) << name << ": list changed, failing allocation " << k;
     EXPECT_EQ(snapshot(listOf(w.other)), other) << name << ": other list changed, failing allocation " << k;
     if (::testing::Test::HasFailure()) return k;
@@ -220,10 +208,6 @@ TEST(AllocationSweep, SectionCallsCopyNamesSafely) {
                                         return listOf(w.list).getSectionAddr({1, 0x102, 1}, w.longName) == 0x99u;
                                       },
                                       [](World&, const Snapshot&, const Snapshot&) {}}));
-  report("keloDbgFind", sweep("keloDbgFind", {[](World& w) {
-                                                return keloDbgFind(w.list, keloDbgID{1, 0x10100}) != nullptr;
-                                              },
-                                              [](World&, const Snapshot&, const Snapshot&) {}}));
 }
 
 TEST(AllocationSweep, FileCallsCloseTheFileAndReturnNothingPartial) {

@@ -16,6 +16,7 @@
 #include "kelo/debuginfo.h"
 #include "reliability_support.h"
 #include "serialize/orvel/io/File.h"
+#include "support/files.h"
 
 namespace {
 
@@ -33,34 +34,17 @@ DebugInfoList threeEntries() {
   return list;
 }
 
-std::vector<unsigned char> readAll(const std::string& path) {
-  std::vector<unsigned char> out;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return out;
-  int c;
-  while ((c = std::fgetc(f)) != EOF) out.push_back(static_cast<unsigned char>(c));
-  std::fclose(f);
-  return out;
-}
-
-void save(const std::string& path, const unsigned char* data, std::size_t n) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(std::fwrite(data, 1, n, f), n);
-  ASSERT_EQ(std::fclose(f), 0);
-}
-
 TEST(IoSweep, EveryProperPrefixOfAValidFileFailsToRead) {
   const std::string path = reliability::tempPath("io_full");
   {
     DebugInfoList list = threeEntries();
     ASSERT_TRUE(kelo_debuginfo::file::writeList(list, path.c_str()));
   }
-  const std::vector<unsigned char> bytes = readAll(path);
+  const std::vector<unsigned char> bytes = kelo_test::readFile(path);
   ASSERT_GT(bytes.size(), 100u);
   const std::string cut = reliability::tempPath("io_cut");
   for (std::size_t n = 0; n < bytes.size(); ++n) {
-    save(cut, bytes.data(), n);
+    ASSERT_TRUE(kelo_test::writeFile(cut, std::vector<unsigned char>(bytes.begin(), bytes.begin() + n)));
     const long live = counting_new::liveCount();
     const long images = reliability::liveImages();
     keloDbgList read = keloDbgRead(cut.c_str());
@@ -70,13 +54,11 @@ TEST(IoSweep, EveryProperPrefixOfAValidFileFailsToRead) {
     EXPECT_EQ(reliability::liveImages(), images) << "prefix of " << n << " bytes";
     if (HasFailure()) break;
   }
-  save(cut, bytes.data(), bytes.size());
+  ASSERT_TRUE(kelo_test::writeFile(cut, bytes));
   keloDbgList whole = keloDbgRead(cut.c_str());
   EXPECT_NE(whole, nullptr);
   keloDbgFree(whole);
   std::printf("[ io sweep ] %zu proper prefixes read and refused\n", bytes.size());
-  std::remove(cut.c_str());
-  std::remove(path.c_str());
 }
 
 // A stream that takes `limit` bytes and then refuses every write. (The write
@@ -142,17 +124,6 @@ TEST(IoSweep, AWriteThatFailsAfterKBytesFailsForEveryK) {
   }
   EXPECT_EQ(reliability::snapshot(list), before) << "writing changed the list";
   std::printf("[ io sweep ] %ld failing write limits (file of %zu bytes)\n", points, expected.size());
-}
-
-TEST(IoSweep, WritingToAFullDeviceFails) {
-  keloDbgList list = keloDbgAlloc();
-  kelo_elf::ELF image = reliability::makeImage(0);
-  ASSERT_NE(keloDbgAdd(list, kelo_handles::toHandle(&image), 1, 0), nullptr);
-  EXPECT_FALSE(keloDbgWrite(list, "/dev/full"));
-  keloDbgList empty = keloDbgAlloc();
-  EXPECT_FALSE(keloDbgWrite(empty, "/dev/full")) << "even 20 bytes do not fit";
-  keloDbgFree(empty);
-  keloDbgFree(list);
 }
 
 }  // namespace

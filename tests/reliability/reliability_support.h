@@ -4,13 +4,8 @@
 #ifndef KELO_TESTS_RELIABILITY_SUPPORT_H_
 #define KELO_TESTS_RELIABILITY_SUPPORT_H_
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -18,6 +13,7 @@
 #include <vector>
 
 #include "kelo/DebugInfoList.h"
+#include "support/files.h"
 
 #if !defined(KELO_RELIABILITY_REAL)
 #include "double/elf_double.h"
@@ -29,10 +25,8 @@ inline uint64_t keyOf(const kelo_elf::DebugInfoID& id) {
   return (uint64_t{id.kind} << 32) | (uint64_t{id.hi} << 16) | id.lo;
 }
 
-inline std::vector<unsigned char> bytesOf(kelo_elf::ELF& image) {
-  absl::optional<kelo_elf::ELFBytes> saved = image.save();
-  if (!saved) throw std::runtime_error("an image that cannot be saved");
-  return std::vector<unsigned char>(saved->data, saved->data + saved->size);
+inline std::vector<unsigned char> bytesOf(const kelo_elf::ELF& image) {
+  return std::vector<unsigned char>(image.bytes().begin(), image.bytes().end());
 }
 
 // One entry: identifier, the identifier its image carries (-1: none), the
@@ -59,24 +53,16 @@ inline Snapshot withoutStamps(Snapshot s) {
 }
 
 inline std::string tempPath(const std::string& tag) {
-  const char* dir = std::getenv("TMPDIR");
-  return std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/kelo_reliability_" + tag + "_" +
-         std::to_string(getpid());
+  static const kelo_test::TempDir dir;
+  return dir.file(tag);
 }
 
 #if defined(KELO_RELIABILITY_REAL)
 
-inline std::vector<unsigned char> readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The example objects, one per index.
 inline kelo_elf::ELF makeImage(int i) {
   static const char* const names[] = {"main.o", "util.o", "extra.o"};
-  const std::vector<unsigned char> bytes = readBytes(std::string(KELO_TEST_DATA_DIR) + "/" + names[i % 3]);
-  absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(bytes);
+  absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(kelo_test::example(names[i % 3]));
   if (!image) throw std::runtime_error("an example object does not load");
   return std::move(*image);
 }

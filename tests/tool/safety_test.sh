@@ -123,7 +123,7 @@ test_resources() {
   # Exhausted memory is reported as such, never as a damaged file.
   echo 'char big[64 << 20] = {1};' >big.c && "${CC:-cc}" -c big.c -o big.o || fail "compiling big.o"
   "$kelodbg" create big.kdbg 1=big.o || fail "create big.kdbg"
-  local limit=$((100 * 1024)) # KiB: enough to start, not enough for the image
+  local limit=$((40 * 1024)) # KiB: enough to start, not enough for the image
   (ulimit -v $limit && "$kelodbg" list big.kdbg 2>err.txt; echo $? >rc.txt)
   [[ $(cat rc.txt) == 12 ]] || fail "out of memory reading: exit $(cat rc.txt): $(cat err.txt)"
   grep -q 'big\.kdbg: out of memory' err.txt || fail "out of memory reading: $(cat err.txt)"

@@ -7,8 +7,11 @@
 //
 // Every operation returns a Result; a short read or write, end of file and a
 // malformed prefix all give the coder's empty ErrTy. The codec raises no
-// exception for I/O; the standard containers' own exceptions (memory
-// exhaustion, length errors) pass through the generic readers.
+// exception for I/O; memory exhaustion (std::bad_alloc) and lengths beyond
+// what one buffer can hold (io::LengthError) pass through the generic
+// readers. Buffers for strings and byte blocks are sized by the rule of
+// io/ReadBuffer.h, so a forged length cannot make a reader allocate far
+// beyond what the stream delivered.
 //
 // Types take part through the customisation points Encodable<T> and
 // Decodable<T>:
@@ -40,6 +43,8 @@
 #include "absl/types/variant.h"
 #include "serialize/orvel/Result.h"
 #include "serialize/orvel/io/File.h"
+#include "serialize/orvel/io/ReadBuffer.h"
+#include "serialize/orvel/serialize/ByteReader.h"
 
 namespace orvel_lib {
 namespace serialize {
@@ -78,11 +83,10 @@ template <typename Stream>
 class Decoder;
 
 // Both coders use the unlocked stdio calls: a stream belongs to the one call
-// that opened it, so stdio's per-call stream lock buys nothing, and entries
-// are written and read as many small fields.
+// that opened it, so stdio's per-call stream lock buys nothing. Integers and
+// prefixes go byte by byte through getc_unlocked/putc_unlocked, which work
+// on the stream's buffer inline; runs of bytes go in one call.
 
-// Writes fields back to back at the stream's current position. Holds only a
-// reference to the File, which must outlive it.
 template <>
 class Encoder<io::File> {
  public:
@@ -95,11 +99,12 @@ class Encoder<io::File> {
   template <typename T>
   Res emitInt(T value) {
     static_assert(detail::isCodecInt<T>(), "emitInt takes uint8_t, uint16_t, uint32_t or uint64_t");
-    unsigned char bytes[sizeof(T)];
+    std::FILE* stream = file_.get();
     for (std::size_t i = 0; i < sizeof(T); ++i) {
-      bytes[i] = static_cast<unsigned char>(static_cast<std::uint64_t>(value) >> (8 * i));
+      const int byte = static_cast<unsigned char>(static_cast<std::uint64_t>(value) >> (8 * i));
+      if (putc_unlocked(byte, stream) == EOF) return ErrTy{};
     }
-    return emitRaw(bytes, sizeof(T));
+    return absl::monostate{};
   }
 
   // Length prefix, then the bytes; any byte values, no terminator.
@@ -132,10 +137,20 @@ class Encoder<io::File> {
   Res emitPrefix(unsigned count) { return emitInt<std::uint64_t>(count); }
 
   Res emitRaw(const void* data, std::size_t n) {
-    if (n == 0) return absl::monostate{};
-    if (fwrite_unlocked(data, 1, n, file_.get()) != n) return ErrTy{};
+    std::FILE* stream = file_.get();
+    // A few bytes go faster one by one than through a call.
+    if (n <= kByteByByte) {
+      const auto* p = static_cast<const unsigned char*>(data);
+      for (std::size_t i = 0; i < n; ++i) {
+        if (putc_unlocked(p[i], stream) == EOF) return ErrTy{};
+      }
+      return absl::monostate{};
+    }
+    if (fwrite_unlocked(data, 1, n, stream) != n) return ErrTy{};
     return absl::monostate{};
   }
+
+  static constexpr std::size_t kByteByByte = 16;
 
   io::File& file_;
 };
@@ -150,45 +165,54 @@ class Decoder<io::File> {
   template <typename T>
   using Res = Result<T, ErrTy>;
 
-  // Buffers for strings and byte sequences grow by at most this much ahead
-  // of the bytes that actually arrived, so a forged length cannot make the
-  // reader allocate more than the stream backs.
-  static constexpr std::size_t kReadStep = std::size_t{1} << 20;
-  // Lengths up to this are trusted at once; longer ones of a stream whose
-  // size is unknown grow from here, by the bytes that arrived so far.
-  static constexpr std::size_t kFirstStep = std::size_t{64} << 10;
-
   explicit Decoder(io::File& file) noexcept : file_(file) {}
+
+  // Strings up to this long are read byte by byte.
+  static constexpr std::size_t kByteByByte = 16;
 
   // One fixed-width unsigned integer, little-endian.
   template <typename T>
   Res<T> readInt() {
     static_assert(detail::isCodecInt<T>(), "readInt takes uint8_t, uint16_t, uint32_t or uint64_t");
+    std::FILE* stream = file_.get();
     unsigned char bytes[sizeof(T)];
-    if (fread_unlocked(bytes, 1, sizeof(T), file_.get()) != sizeof(T)) return ErrTy{};
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) value |= std::uint64_t{bytes[i]} << (8 * i);
-    return static_cast<T>(value);
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+      const int c = getc_unlocked(stream);
+      if (c == EOF) return ErrTy{};
+      bytes[i] = static_cast<unsigned char>(c);
+    }
+    return static_cast<T>(unpack(bytes, sizeof(T), false));
   }
 
-  // A length-prefixed string. A prefix of 2^32 or more is an error. A length
-  // beyond the string's max_size() raises the string's length error.
+  // A length-prefixed string. A prefix of 2^32 or more is an error, found
+  // after the string's bytes (its low 32 bits) have been read. A length
+  // beyond the string's max_size() raises io::LengthError.
   Res<std::string> readStr() {
     Res<std::uint64_t> prefix = readInt<std::uint64_t>();
     if (!prefix.isOk()) return ErrTy{};
     const std::uint64_t n = prefix.value() & 0xffffffffu;
     std::string s;
-    if (n > s.max_size()) throw std::length_error("basic_string::_M_create");
+    if (n > s.max_size()) throw io::LengthError();
     if ((prefix.value() >> 32) != 0) return ErrTy{};
-    if (!readExactly(s, static_cast<std::size_t>(n))) return ErrTy{};
+    if (n <= kByteByByte) {
+      // A short string goes faster byte by byte than through a call.
+      s.resize(static_cast<std::size_t>(n));
+      std::FILE* stream = file_.get();
+      for (char& c : s) {
+        const int got = getc_unlocked(stream);
+        if (got == EOF) return ErrTy{};
+        c = static_cast<char>(got);
+      }
+      return s;
+    }
+    if (!io::readExactly(file_.get(), s, static_cast<std::size_t>(n), leftIfLong(n))) return ErrTy{};
     return s;
   }
 
-  // Exactly `n` bytes into `out`, which is resized to n (its capacity is
-  // reused). On error `out` holds an unspecified part of them.
-  // REQUIRES: n <= out.max_size().
-  Res<absl::monostate> readBytes(std::size_t n, std::vector<unsigned char>& out) {
-    if (!readExactly(out, n)) return ErrTy{};
+  // Exactly `n` bytes into `out`, with `spare` bytes of room after them (see
+  // io::readExactly). On error `out` holds an unspecified part of them.
+  Res<absl::monostate> readBytes(std::size_t n, io::Block& out, std::size_t spare = 0) {
+    if (!io::readExactly(file_.get(), out, n, spare, leftIfLong(n))) return ErrTy{};
     return absl::monostate{};
   }
 
@@ -213,32 +237,15 @@ class Decoder<io::File> {
   // of a regular file could hold: a safe amount to reserve. 0 when the
   // stream's size is unknown.
   std::size_t backedCount(std::uint64_t count, std::uint64_t minEntryBytes) const {
-    const absl::optional<std::uint64_t> left = file_.bytesLeft();
-    if (!left || minEntryBytes == 0) return 0;
-    return static_cast<std::size_t>(std::min(count, *left / minEntryBytes));
+    return io::buffers::backedCount(count, minEntryBytes, file_.bytesLeft());
   }
 
  private:
-  // Fills `buf` (a std::string or byte vector) with exactly n bytes. The
-  // buffer is sized at once when n is small, fits its current capacity or is
-  // backed by the rest of a regular file; otherwise it grows as the data
-  // arrives, by as much as has arrived (from kFirstStep up to kReadStep).
-  template <typename Buf>
-  bool readExactly(Buf& buf, std::size_t n) {
-    std::FILE* stream = file_.get();
-    buf.clear();
-    if (n <= kFirstStep || n <= buf.capacity() || backedCount(n, 1) == n) {
-      buf.resize(n);
-      return n == 0 || fread_unlocked(&buf[0], 1, n, stream) == n;
-    }
-    std::size_t have = 0;
-    while (have < n) {
-      const std::size_t step = std::min({n - have, std::max(have, kFirstStep), kReadStep});
-      buf.resize(have + step);
-      if (fread_unlocked(&buf[have], 1, step, stream) != step) return false;
-      have += step;
-    }
-    return true;
+  // What the stream holds, asked only where the answer matters: for a
+  // length too long to be trusted at once.
+  absl::optional<std::uint64_t> leftIfLong(std::uint64_t n) const {
+    if (n <= io::buffers::kFirstStep) return absl::nullopt;
+    return file_.bytesLeft();
   }
 
   io::File& file_;
@@ -258,27 +265,22 @@ struct Encodable<absl::Span<unsigned char const>> {
   }
 };
 
-// A byte sequence. A count beyond the vector's max_size() raises the
-// vector's length error; a count of 0 reads nothing after the prefix.
+// A byte sequence, into a block. A count of 0 reads nothing after the
+// prefix.
 template <>
-struct Decodable<std::vector<unsigned char>> {
-  using Bytes = std::vector<unsigned char>;
-
-  template <typename Dec, typename Res = Result<Bytes, typename Dec::ErrTy>>
+struct Decodable<io::Block> {
+  template <typename Dec, typename Res = Result<io::Block, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    Bytes bytes;
+    io::Block bytes;
     Result<absl::monostate, typename Dec::ErrTy> r = decodeInto(dec, bytes);
     if (!r.isOk()) return typename Dec::ErrTy{};
     return Res(std::move(bytes));
   }
 
-  // The same, into a buffer that the caller reuses across reads.
+  // The same into `out`, with `spare` bytes of room after the bytes.
   template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
-  static Res decodeInto(Dec& dec, Bytes& out) {
-    return dec.readSeq([&out](Dec& d, unsigned count) -> Res {
-      if (count > out.max_size()) throw std::length_error("cannot create std::vector larger than max_size()");
-      return d.readBytes(count, out);
-    });
+  static Res decodeInto(Dec& dec, io::Block& out, std::size_t spare = 0) {
+    return dec.readSeq([&out, spare](Dec& d, unsigned count) -> Res { return d.readBytes(count, out, spare); });
   }
 };
 
@@ -345,8 +347,16 @@ struct Decodable<std::unordered_map<K, V, H, Eq, A>> {
 
   template <typename Dec, typename Res = Result<Map, typename Dec::ErrTy>>
   static Res decode(Dec& dec) {
-    return dec.readMap([](Dec& d, unsigned count) -> Res {
-      Map map;
+    Map map;
+    if (!decodeInto(dec, map).isOk()) return typename Dec::ErrTy{};
+    return Res(std::move(map));
+  }
+
+  // The same into `map`, which starts empty. On error it holds an
+  // unspecified part of the entries.
+  template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
+  static Res decodeInto(Dec& dec, Map& map) {
+    return dec.readMap([&map](Dec& d, unsigned count) -> Res {
       for (unsigned i = 0; i < count; ++i) {
         auto key = Decodable<K>::decode(d);
         if (!key.isOk()) return typename Dec::ErrTy{};
@@ -354,7 +364,7 @@ struct Decodable<std::unordered_map<K, V, H, Eq, A>> {
         if (!value.isOk()) return typename Dec::ErrTy{};
         map.try_emplace(std::move(key.value()), std::move(value.value()));
       }
-      return Res(std::move(map));
+      return absl::monostate{};
     });
   }
 };

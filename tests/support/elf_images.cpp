@@ -1,23 +1,6 @@
-#include "elf/elf_images.h"
+#include "support/elf_images.h"
 
-#include <sys/stat.h>
-
-#include <fstream>
-#include <iterator>
-
-namespace elf_test {
-
-Bytes readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string examplePath(const std::string& name) { return std::string(KELO_TEST_DATA_DIR) + "/" + name; }
-
-bool fileExists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
+namespace kelo_test {
 
 void put(Bytes& b, size_t at, unsigned width, uint64_t value, bool big) {
   for (unsigned i = 0; i < width; ++i, value >>= 8) b.at(at + (big ? width - 1 - i : i)) = value & 0xff;
@@ -79,4 +62,4 @@ Bytes craft(const Crafted& want) {
   return out;
 }
 
-}  // namespace elf_test
+}  // namespace kelo_test

@@ -1,22 +1,15 @@
-// Test inputs for the image library: the example objects read from disk and
-// small ELF files crafted byte by byte in either class and byte order.
-#ifndef KELO_TESTS_ELF_ELF_IMAGES_H_
-#define KELO_TESTS_ELF_ELF_IMAGES_H_
+// Small ELF files crafted byte by byte, in either class and byte order.
+#ifndef KELO_TESTS_SUPPORT_ELF_IMAGES_H_
+#define KELO_TESTS_SUPPORT_ELF_IMAGES_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace elf_test {
+namespace kelo_test {
 
 using Bytes = std::vector<unsigned char>;
-
-// The whole file at `path`; empty when it cannot be read.
-Bytes readFile(const std::string& path);
-// The path of an example object, e.g. "main.o".
-std::string examplePath(const std::string& name);
-bool fileExists(const std::string& path);
 
 // Writes `value` as `width` bytes at `at` in the given byte order.
 void put(Bytes& b, size_t at, unsigned width, uint64_t value, bool big);
@@ -32,6 +25,6 @@ struct Crafted {
 // the section header table.
 Bytes craft(const Crafted& want);
 
-}  // namespace elf_test
+}  // namespace kelo_test
 
-#endif  // KELO_TESTS_ELF_ELF_IMAGES_H_
+#endif  // KELO_TESTS_SUPPORT_ELF_IMAGES_H_
