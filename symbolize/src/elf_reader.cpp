@@ -1,16 +1,22 @@
 #include "elf_reader.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kelo_symbolize {
 namespace internal {
 
 kelo_elf::ELFBytes copyOf(const kelo_elf::ELF& image) {
-  // save() only reads the image (it hands out a fresh copy and leaves the
-  // image as it was); it is not marked const, hence the cast.
-  absl::optional<kelo_elf::ELFBytes> bytes = const_cast<kelo_elf::ELF&>(image).save();
-  return bytes ? std::move(*bytes) : kelo_elf::ELFBytes();
+  // libelf may convert tables in place, and libdwfl applies relocations in
+  // place: both get a private copy, never the stored bytes.
+  const absl::Span<unsigned char const> stored = image.bytes();
+  if (stored.empty()) return kelo_elf::ELFBytes();
+  auto* data = static_cast<unsigned char*>(std::malloc(stored.size()));
+  if (data == nullptr) throw std::bad_alloc();
+  std::memcpy(data, stored.data(), stored.size());
+  return kelo_elf::ELFBytes(data, static_cast<uint32_t>(stored.size()));
 }
 
 ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept {

@@ -147,13 +147,6 @@ std::string versionOf(const Input& input) {
   return fmt::format("{}.{}.{}", major, minor, patch);
 }
 
-// The bytes an entry's image was loaded from.
-kelo_elf::ELFBytes bytesOf(kelo_elf::ELF& image, const std::string& file, const Id& id) {
-  absl::optional<kelo_elf::ELFBytes> bytes = image.save();
-  if (!bytes) fail(Exit::kNoMemory, file, fmt::format("out of memory saving the image of {}", format(id)));
-  return std::move(*bytes);
-}
-
 }  // namespace
 
 void createCommand(const Request& r) {
@@ -365,8 +358,8 @@ void extractCommand(const Request& r) {
   Output out = Output::result(r.output, {&input}, r.wait);
   ListPtr list = readList(input);
   RelocELF& entry = entryOf(*list, input.name(), id);
-  const kelo_elf::ELFBytes bytes = bytesOf(entry.elf, input.name(), id);
-  out.writeBytes(bytes.data, bytes.size);
+  const absl::Span<unsigned char const> bytes = entry.elf.bytes();
+  out.writeBytes(bytes.data(), bytes.size());
 }
 
 int diffCommand(const Request& r) {
@@ -383,15 +376,17 @@ int diffCommand(const Request& r) {
     }
     RelocELF& ea = listA->entries.find(id.key())->second;
     RelocELF& eb = other->second;
-    const kelo_elf::ELFBytes ba = bytesOf(ea.elf, a.name(), id), bb = bytesOf(eb.elf, b.name(), id);
-    const bool imageChanged = ba.size != bb.size || (ba.size != 0 && std::memcmp(ba.data, bb.data, ba.size) != 0);
+    const absl::Span<unsigned char const> ba = ea.elf.bytes(), bb = eb.elf.bytes();
+    const bool imageChanged = ba != bb;
     const std::map<std::string, unsigned> sa = sortedSections(ea), sb = sortedSections(eb);
     std::set<std::string> names;
     for (const auto& s : sa) names.insert(s.first);
     for (const auto& s : sb) names.insert(s.first);
     Json sections = Json::array();
     size_t sectionChanges = 0;
-    if (imageChanged) lines.push_back(fmt::format("changed {}: image ({} -> {} bytes)", format(id), ba.size, bb.size));
+    if (imageChanged) {
+      lines.push_back(fmt::format("changed {}: image ({} -> {} bytes)", format(id), ba.size(), bb.size()));
+    }
     for (const std::string& name : names) {
       auto fa = sa.find(name), fb = sb.find(name);
       if (fa != sa.end() && fb != sb.end() && fa->second == fb->second) continue;

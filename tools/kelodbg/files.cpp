@@ -21,6 +21,7 @@
 #include "absl/types/span.h"
 #include "check.h"
 #include "file/inspect.h"
+#include "serialize/orvel/io/ReadBuffer.h"
 
 namespace kelodbg {
 namespace {
@@ -350,29 +351,37 @@ ListPtr readList(const std::string& path, const std::string& name) {
 }
 
 kelo_elf::ELF loadElf(const Input& input) {
-  Fd fd(open(input.path().c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  struct FileClose {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+  };
+  std::unique_ptr<std::FILE, FileClose> file(std::fopen(input.path().c_str(), "rb"));
   struct stat st;
-  if (fd.get() < 0 || fstat(fd.get(), &st) != 0) fail(Exit::kFileIo, input.name(), errnoText(errno));
+  if (!file || fstat(fileno(file.get()), &st) != 0) fail(Exit::kFileIo, input.name(), errnoText(errno));
+  std::setvbuf(file.get(), nullptr, _IONBF, 0);  // straight into the image's block
   constexpr const char* kTooLarge = "larger than 4 GiB; an image is at most 4 GiB - 1 bytes";
-  if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) fail(Exit::kBadElf, input.name(), kTooLarge);
   try {
-    std::vector<unsigned char> bytes(static_cast<size_t>(st.st_size));
-    size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = read(fd.get(), bytes.data() + done, bytes.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) fail(Exit::kFileIo, input.name(), errnoText(errno));
-      if (n == 0) break;
-      done += static_cast<size_t>(n);
+    // The bytes land in the block that the image takes over: one copy of
+    // the file in memory.
+    orvel_lib::io::Block block;
+    if (!orvel_lib::io::readToEnd(file.get(), block, kelo_elf::ELFBytes::kMaxAdoptRoom, UINT32_MAX,
+                                  static_cast<uint64_t>(st.st_size))) {
+      if (std::ferror(file.get())) fail(Exit::kFileIo, input.name(), errnoText(errno));
+      fail(Exit::kBadElf, input.name(), kTooLarge);
     }
-    bytes.resize(done);
-    // The C++ call tells bytes that are not an image (no result) from
-    // exhausted memory (std::bad_alloc).
-    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::load(absl::MakeConstSpan(bytes));
+    absl::optional<kelo_elf::ELF> image;
+    if (block.size() != 0) {
+      kelo_elf::ELFBytes bytes(block.data(), static_cast<uint32_t>(block.size()));
+      block.release();
+      // The C++ call tells bytes that are not an image (no result) from
+      // exhausted memory (std::bad_alloc).
+      image = kelo_elf::ELF::adopt(std::move(bytes));
+    }
     if (!image) fail(Exit::kBadElf, input.name(), "not an ELF file that can be loaded");
     return std::move(*image);
   } catch (const std::bad_alloc&) {
     fail(Exit::kNoMemory, input.name(), "out of memory while loading it");
+  } catch (const orvel_lib::io::LengthError&) {
+    fail(Exit::kBadElf, input.name(), kTooLarge);
   }
 }
 
