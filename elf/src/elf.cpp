@@ -34,6 +34,7 @@ constexpr unsigned char kClass32 = 1, kClass64 = 2;
 constexpr unsigned char kLittle = 1, kBig = 2;
 constexpr uint64_t kCurrentVersion = 1;
 constexpr uint64_t kSectionNull = 0, kSectionStrtab = 3, kSectionNobits = 8;
+constexpr uint64_t kTypeExec = 2, kTypeDyn = 3;
 constexpr uint64_t kIndexEscape = 0xffff;  // e_shstrndx (SHN_XINDEX) and e_phnum (PN_XNUM) kept in section 0
 
 // Images with more named sections than this get a sorted index of them;
@@ -57,11 +58,12 @@ unsigned shOffsetAt(bool is64) { return is64 ? 24 : 16; }
 unsigned shSizeAt(bool is64) { return is64 ? 32 : 20; }
 
 // Reads and checks the file header and the section-name string table:
-// identification and version; the section header table (required: it names
-// the sections) and the program header table inside the bytes with entries
-// of the standard size; the counts that do not fit the header taken from
-// section 0; a string table for the names, inside the bytes and ending in
-// NUL, so that every name read from it ends inside it.
+// identification and version; the section header table (required, as it
+// names the sections, but in an executable or shared object stripped of it)
+// and the program header table inside the bytes with entries of the
+// standard size; the counts that do not fit the header taken from section 0;
+// a string table for the names, inside the bytes and ending in NUL, so that
+// every name read from it ends inside it.
 bool readLayout(const unsigned char* data, std::size_t size, Layout& out) {
   if (size < kIdentSize || std::memcmp(data, kMagic, sizeof kMagic) != 0) return false;
   if (data[4] != kClass32 && data[4] != kClass64) return false;
@@ -85,6 +87,19 @@ bool readLayout(const unsigned char* data, std::size_t size, Layout& out) {
   if (!r.ok() || version != kCurrentVersion) return false;
 
   const unsigned shdrSize = is64 ? 64 : 40;
+  const unsigned phdrSize = is64 ? 56 : 32;
+  const auto programHeadersFit = [&] {
+    return phnum == 0 || (phentsize == phdrSize && phnum <= size / phdrSize && r.contains(phoff, phnum * phdrSize));
+  };
+  // Without a section header table an executable or shared object is still
+  // a valid file: one with no sections. (Its program header count cannot be
+  // kept in a section 0 it does not have.)
+  const uint64_t type = r.read(16, 2);
+  if (shoff == 0 && shnum == 0 && shstrndx == 0 && (type == kTypeExec || type == kTypeDyn)) {
+    if (phnum == kIndexEscape || !programHeadersFit()) return false;
+    out = Layout{is64, data[5] == kBig, 0, 1, shdrSize, 0, 0};
+    return true;
+  }
   if (shoff == 0 || shentsize != shdrSize || !r.contains(shoff, shdrSize)) return false;
   // Section 0 holds what does not fit: the section count in sh_size, the
   // name table's index in sh_link, the program header count in sh_info.
@@ -93,10 +108,7 @@ bool readLayout(const unsigned char* data, std::size_t size, Layout& out) {
   if (phnum == kIndexEscape) phnum = r.read(shoff + (is64 ? 44 : 28), 4);
   if (shnum == 0 || shnum > size / shdrSize || !r.contains(shoff, shnum * shdrSize)) return false;
   if (shstrndx == 0 || shstrndx >= shnum) return false;
-  if (phnum != 0) {
-    const unsigned phdrSize = is64 ? 56 : 32;
-    if (phentsize != phdrSize || phnum > size / phdrSize || !r.contains(phoff, phnum * phdrSize)) return false;
-  }
+  if (!programHeadersFit()) return false;
 
   const uint64_t strHeader = shoff + shstrndx * shdrSize;
   const uint64_t strType = r.read(strHeader + kShType, 4);

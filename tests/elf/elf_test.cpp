@@ -149,6 +149,27 @@ TEST(ElfCraftedImages, EveryClassByteOrderAndNumberingLoads) {
   }
 }
 
+// An executable or shared object stripped of its section header table is a
+// valid file with nothing to address; a relocatable object needs the table.
+TEST(ElfCraftedImages, ExecutablesWithoutSectionTableLoadWithNoSections) {
+  for (bool is64 : {false, true}) {
+    Bytes stripped = kelo_test::craft({is64, !is64, {".text"}});
+    const size_t shoffAt = is64 ? 40 : 32, shnumAt = is64 ? 60 : 48;
+    kelo_test::put(stripped, shoffAt, is64 ? 8 : 4, 0, !is64);
+    kelo_test::put(stripped, shnumAt, 2, 0, !is64);      // e_shnum
+    kelo_test::put(stripped, shnumAt + 2, 2, 0, !is64);  // e_shstrndx
+    for (uint64_t type : {2, 3}) {                       // ET_EXEC, ET_DYN
+      kelo_test::put(stripped, 16, 2, type, !is64);
+      absl::optional<ELF> image = load(stripped);
+      ASSERT_TRUE(image.has_value()) << "e_type " << type;
+      EXPECT_TRUE(image->sectionNames().empty());
+      EXPECT_FALSE(image->hasSection(".text"));
+    }
+    kelo_test::put(stripped, 16, 2, 1, !is64);  // ET_REL
+    EXPECT_FALSE(load(stripped).has_value());
+  }
+}
+
 TEST(ElfEmptyImages, EmptyImagesCannotBeSavedAndMovesCarryTheWholeState) {
   ELF empty;
   EXPECT_EQ(empty.size(), 0u);
@@ -194,7 +215,9 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
     const unsigned addr = is64 ? 8 : 4;
     const size_t shoffAt = is64 ? 40 : 32, shnumAt = is64 ? 60 : 48, shdrSize = is64 ? 64 : 40;
     const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the file: null, 2 sections, names
-    const size_t strHdr = shoff + 3 * shdrSize, offsetAt = is64 ? 24 : 16;
+    const size_t strHdr = shoff + 3 * shdrSize, offsetAt = is64 ? 24 : 16, sizeAt = is64 ? 32 : 20;
+    const size_t strOffset = good[strHdr + offsetAt + (big ? addr - 1 : 0)];  // small: one byte holds it
+    const size_t strSize = good[strHdr + sizeAt + (big ? addr - 1 : 0)];
     struct Damage {
       const char* what;
       size_t at;
@@ -210,6 +233,8 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
         {"name table past the end", strHdr + offsetAt, addr, good.size()},
         {"name table not a string table", strHdr + 4, 4, 1},
         {"name outside the name table", shoff + shdrSize, 4, 0xffffffffu},
+        {"name one past the name table", shoff + shdrSize, 4, strSize},
+        {"name table without its final NUL", strOffset + strSize - 1, 1, 'x'},
         {"section contents past the end", shoff + shdrSize + offsetAt, addr, good.size() - 2},
     };
     ASSERT_TRUE(load(good).has_value());

@@ -62,8 +62,9 @@ struct World {
       keloDbgSetSectionAddr(list, keloDbgID{1, 0x10100u + i}, ".constant", 0x1000u * (i + 1));
       keloDbgSetSectionAddr(list, keloDbgID{1, 0x10100u + i}, longName.c_str(), 0x40u + i);
     }
-    for (int i = 0; i < 2; ++i) {
-      kelo_elf::ELF img = reliability::makeImage(i + 1);
+    // Enough entries that merging them into `list` makes its table grow.
+    for (int i = 0; i < 16; ++i) {
+      kelo_elf::ELF img = reliability::makeImage(i % 3);
       keloDbgAdd(other, handle(img), static_cast<uint16_t>(0x200 + i), 0);
       keloDbgSetSectionAddr(other, keloDbgID{1, 0x200u + i}, ".local", 7u + i);
     }

@@ -12,6 +12,7 @@ namespace {
 // The fields of the file header that loading needs, in host byte order.
 struct Header {
   bool is64;
+  bool noSections;  // an executable or shared object without a section header table
   uint64_t phoff;
   uint64_t shoff;
   uint32_t phentsize;
@@ -73,8 +74,18 @@ bool readHeader(absl::Span<unsigned char const> bytes, Header& h) {
     return false;
   if (version != EV_CURRENT) return false;
 
-  // The section header table is required: it names the sections.
   const uint64_t shdrSize = h.is64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr);
+  const uint64_t phdrSize = h.is64 ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr);
+  // An executable or shared object stripped of its section header table is
+  // a file without sections; anything else needs the table, which names the
+  // sections.
+  uint64_t type;
+  if (!r.read(16, 2, type)) return false;
+  h.noSections = shoff == 0 && shnum == 0 && shstrndx == 0 && (type == ET_EXEC || type == ET_DYN);
+  if (h.noSections) {
+    return phnum != PN_XNUM && (phnum == 0 || (phentsize == phdrSize && phnum <= bytes.size() / phdrSize &&
+                                               inside(phoff, phnum * phdrSize, bytes.size())));
+  }
   if (shoff == 0 || shentsize != shdrSize || !inside(shoff, shdrSize, bytes.size())) return false;
   // Section 0 holds the real counts when they do not fit the header.
   const uint64_t sh0 = shoff;
@@ -85,7 +96,6 @@ bool readHeader(absl::Span<unsigned char const> bytes, Header& h) {
   if (shstrndx == SHN_UNDEF || shstrndx >= shnum) return false;
 
   if (phnum != 0) {
-    const uint64_t phdrSize = h.is64 ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr);
     if (phentsize != phdrSize || phnum > bytes.size() / phdrSize || !inside(phoff, phnum * phdrSize, bytes.size()))
       return false;
   }
@@ -136,13 +146,17 @@ class Scratch {
 }  // namespace
 
 absl::optional<std::vector<std::string>> libelfSectionNames(absl::Span<unsigned char const> bytes) {
-  Header h;
+  Header h{};
   if (!readHeader(bytes, h) || !libelfReady()) return absl::nullopt;
 
   Scratch scratch(bytes);
   ElfPtr elf(elf_memory(scratch.data(), bytes.size()));
   if (!elf || elf_kind(elf.get()) != ELF_K_ELF) return absl::nullopt;
   size_t shnum = 0, shstrndx = 0;
+  if (h.noSections) {
+    if (elf_getshdrnum(elf.get(), &shnum) != 0 || shnum != 0) return absl::nullopt;
+    return std::vector<std::string>();
+  }
   if (elf_getshdrnum(elf.get(), &shnum) != 0 || elf_getshdrstrndx(elf.get(), &shstrndx) != 0) return absl::nullopt;
   if (shnum != h.shnum || shstrndx != h.shstrndx) return absl::nullopt;
 
