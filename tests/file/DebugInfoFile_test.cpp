@@ -13,7 +13,6 @@
 namespace {
 
 using kelo_debuginfo::DebugInfoList;
-using kelo_debuginfo::file::normalizeFileName;
 using kelo_debuginfo::file::readList;
 using kelo_debuginfo::file::readVersion;
 using kelo_debuginfo::file::writeList;
@@ -194,24 +193,6 @@ TEST_F(DebugInfoFileTest, AFailedWriteClosesAndLeavesTheFileTruncated) {
   EXPECT_LE(left.size(), 20 + entry(DebugInfoID(), imageBytes({".a"}), {{".a", 1}}).size() + 5);
   ASSERT_GE(left.size(), 12u);
   EXPECT_EQ(Bytes(left.begin(), left.begin() + 12), header());
-}
-
-TEST_F(DebugInfoFileTest, FileNamesCollapseRunsOfSlashesAndNothingElse) {
-  const std::pair<const char*, std::string> cases[] = {{"a///b////c", "a/b/c"},
-                                                       {"//x//y", "//x/y"},
-                                                       {"///x", "/x"},
-                                                       {"//", "/"},
-                                                       {"a/", "a/"},
-                                                       {"./a/../b", "./a/../b"},
-                                                       {"", ""},
-                                                       {"\xff\xfe/\\", "\xff\xfe/\\"}};
-  for (const auto& c : cases) EXPECT_EQ(normalizeFileName(c.first), c.second) << c.first;
-
-  DebugInfoList list = listOf({{DebugInfoID(1, 4, 0), {}}});
-  ASSERT_TRUE(writeList(list, (dir_.path() + "//same.kdbg").c_str()));
-  EXPECT_TRUE(readList(path("same.kdbg").c_str()).has_value());
-  // A leading "//" is kept; on this system it names the root as well.
-  EXPECT_TRUE(readVersion(("/" + path("same.kdbg")).c_str()).has_value());
 }
 
 }  // namespace
