@@ -198,10 +198,13 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
   for (bool is64 : {false, true}) {
     const bool big = !is64;
     SCOPED_TRACE(is64 ? "ELF64 little-endian" : "ELF32 big-endian");
-    const Bytes good = kelo_test::craft({is64, big, {".text", ".data"}});
+    Bytes good = kelo_test::craft({is64, big, {".text", ".data"}});
     const unsigned addr = is64 ? 8 : 4;
     const size_t shoffAt = is64 ? 40 : 32, shnumAt = is64 ? 60 : 48, shdrSize = is64 ? 64 : 40;
-    const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the file: null, 2 sections, names
+    const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the crafted file: null, 2 sections, names
+    // Then a copy of the name table's header: an index one past the table would find a string table.
+    const Bytes copy(good.end() - shdrSize, good.end());
+    good.insert(good.end(), copy.begin(), copy.end());
     const size_t strHdr = shoff + 3 * shdrSize, offsetAt = is64 ? 24 : 16, sizeAt = is64 ? 32 : 20;
     const size_t strOffset = good[strHdr + offsetAt + (big ? addr - 1 : 0)];  // small: one byte holds it
     const size_t strSize = good[strHdr + sizeAt + (big ? addr - 1 : 0)];
