@@ -80,13 +80,6 @@ TEST_F(ListTest, MergeMovesEverythingOrNothing) {
   EXPECT_EQ(dst.find(id1(1)), dstPtrs[1]);
   EXPECT_EQ(dst.getSectionAddr(id1(100), ".a"), 0x1000u);
   EXPECT_EQ(dst.find(id1(101))->debugInfoID, DebugInfoID(9, 9, 9));
-
-  // Empty lists, and the emptied source, stay usable.
-  DebugInfoList empty;
-  EXPECT_TRUE(empty.merge(empty));
-  EXPECT_TRUE(dst.merge(empty));
-  src.add(id1(2), elf_double::image());
-  EXPECT_EQ(src.entries.size(), 1u);
 }
 
 TEST_F(ListTest, SectionAddressesForTheImagesNamesAndTwoOthers) {

@@ -26,13 +26,18 @@ int checksum(const char* text, size_t n) {
 
 const char* describe(int code) {
   switch (code) {
-    case 0: return "zero";
-    case 1: return "one";
-    case 2: return "two";
-    case 3: return "three";
-    case 4: return "four";
-    case 5: return "five";
-    default: break;
+    case 0:
+      return "zero";
+    case 1:
+      return "one";
+    case 2:
+      return "two";
+    case 3:
+      return "three";
+    case 4:
+      return "four";
+    case 5:
+      return "five";
   }
   if (code < 0) return "negative";
   strncpy(buffer, "many", sizeof buffer - 1);
