@@ -1,7 +1,7 @@
-// The exception barrier: every guarded call, with the image double's save,
-// load or section test failing or throwing (any exception type), answers its
-// failure result, leaks no image and leaves every list as it was.
-// Allocation failures are swept by the reliability tests.
+// The exception barrier: every C call that reaches the image library, with
+// the image double's save, load or section test failing or throwing (any
+// exception type), answers its failure result, leaks no image and leaves the
+// list as it was. Allocation failures are swept by the reliability tests.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -13,28 +13,25 @@ namespace {
 using namespace capi_test;
 using elf_double::Fault;
 
-// `list` with three entries (section addresses recorded), `other` with two
-// entries `list` lacks, a file holding a copy of `list` and a caller's image.
+// `list` with three entries (section addresses recorded), a file holding a
+// copy of it and a caller's image.
 struct World {
   TempDir dir;
   std::string file = dir.file("list.kdi");
-  std::string out = dir.file("out.kdi");
   ListPtr list{keloDbgAlloc()};
-  ListPtr other{keloDbgAlloc()};
   kelo_elf::ELF source = elf_double::image({".text"});
   World() {
     for (uint16_t n = 1; n <= 3; ++n) {
       addImage(list.get(), n, 0);
       keloDbgSetSectionAddr(list.get(), keloDbgID{1, n}, ".text", n);
     }
-    addImage(other.get(), 8, 0);
-    addImage(other.get(), 9, 0);
     keloDbgWrite(list.get(), file.c_str());
   }
 };
 
-// A guarded call and whether it reported success. Calls without a result
-// are judged by `check`, made once the faults are disarmed.
+// The guarded calls that reach the image library, and whether each reported
+// success. A call without a result is judged by `check`, made once the faults
+// are disarmed.
 struct Call {
   const char* name;
   std::function<bool(World&)> run;
@@ -46,15 +43,6 @@ const std::vector<Call>& calls() {
   static const std::vector<Call> all = {
       {"Add", [](World& w) { return keloDbgAdd(w.list.get(), handle(w.source), 7, 0) != nullptr; }, nullptr, true,
        true},
-      {"Merge", [](World& w) { return keloDbgMerge(w.list.get(), w.other.get()); }},
-      {"Find",
-       [](World& w) {
-         return keloDbgFind(w.list.get(), keloDbgID{1, 2}) != nullptr;
-       }},
-      {"GetSectionAddr",
-       [](World& w) {
-         return keloDbgGetSectionAddr(w.list.get(), keloDbgID{1, 1}, ".text") == 1;
-       }},
       {"SetSectionAddr",
        [](World& w) {
          keloDbgSetSectionAddr(w.list.get(), keloDbgID{1, 1}, ".text", 0x99);
@@ -64,19 +52,12 @@ const std::vector<Call>& calls() {
          return keloDbgGetSectionAddr(w.list.get(), keloDbgID{1, 1}, ".text") == 0x99;
        },
        false, false, true},
-      {"Write", [](World& w) { return keloDbgWrite(w.list.get(), w.out.c_str()); }},
       {"Read",
        [](World& w) {
          ListPtr l(keloDbgRead(w.file.c_str()));
          return l != nullptr && listOf(l.get()).entries.size() == 3;
        },
        nullptr, false, true},
-      {"FileVersion", [](World& w) { return keloDbgFileVersion(w.file.c_str(), nullptr, nullptr, nullptr); }},
-      {"Update",
-       [](World& w) {
-         const keloDbgNewID records[] = {{{1, 1}, {1, 2}}, {{1, 2}, {1, 1}}};
-         return keloDbgUpdate(w.list.get(), records, 2);
-       }},
   };
   return all;
 }
@@ -94,7 +75,6 @@ TEST(Barrier, ImageFailuresAndExceptionsOfAnyTypeGiveTheFailureResult) {
         {
           World w;
           const Snapshot list = snapshot(w.list.get());
-          const Snapshot other = snapshot(w.other.get());
           const long live = elf_double::control().liveObjects;
           elf_double::Control& c = elf_double::control();
           (where == Where::kSave   ? c.saveFault
@@ -107,15 +87,10 @@ TEST(Barrier, ImageFailuresAndExceptionsOfAnyTypeGiveTheFailureResult) {
           const bool mustFail = (where == Where::kSave && call.reachesSave) ||
                                 (where == Where::kLoad && call.reachesLoad) ||
                                 (where == Where::kHasSection && call.reachesHasSection && fault != Fault::kFail);
-          if (where == Where::kNowhere) {
-            EXPECT_TRUE(ok);
-          }
-          if (mustFail) {
-            EXPECT_FALSE(ok);
-          }
+          EXPECT_TRUE(ok || where != Where::kNowhere);
+          EXPECT_FALSE(ok && mustFail);
           if (!ok) {
             EXPECT_EQ(snapshot(w.list.get()), list);
-            EXPECT_EQ(snapshot(w.other.get()), other);
             EXPECT_EQ(elf_double::control().liveObjects, live);
           }
         }

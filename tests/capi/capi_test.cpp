@@ -3,8 +3,6 @@
 // and the file calls.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "capi/capi_support.h"
 
 namespace {
@@ -38,21 +36,6 @@ class CApi : public ::testing::Test {
  private:
   std::vector<ListPtr> lists_;
 };
-
-TEST(CApiVersion, ReportsOneOneTwoUnknownWithAStaticBuildText) {
-  uint32_t major = 0, minor = 0, patch = 0;
-  const char* build = nullptr;
-  const char* again = nullptr;
-  keloDbgVersion(&major, &minor, &patch, &build);
-  keloDbgVersion(nullptr, nullptr, nullptr, &again);
-  keloDbgVersion(nullptr, nullptr, nullptr, nullptr);
-  EXPECT_EQ(major, 1u);
-  EXPECT_EQ(minor, 1u);
-  EXPECT_EQ(patch, 2u);
-  ASSERT_NE(build, nullptr);
-  EXPECT_STREQ(build, "unknown");
-  EXPECT_EQ(build, again);
-}
 
 TEST_F(CApi, NullHandlesAndNamesGiveFailureResults) {
   keloDbgList l = threeEntries();

@@ -53,21 +53,6 @@ class UpdateTest : public ::testing::Test {
   DebugInfoList list;
 };
 
-TEST_F(UpdateTest, EmptySpansAreAppliedAndChangeNothing) {
-  EXPECT_TRUE(update({}));
-  EXPECT_TRUE(list.entries.empty());
-  EXPECT_FALSE(update({{A, A}})) << "any pair on an empty list";
-  put(A, ".a", 1);
-  put(B, ".b", 2);
-  list.find(B)->debugInfoID.reset();
-  EXPECT_TRUE(update({}));
-  EXPECT_EQ(tagAt(A), ".a");
-  EXPECT_EQ(tagAt(B), ".b");
-  EXPECT_EQ(list.find(A)->debugInfoID, A);
-  EXPECT_FALSE(list.find(B)->debugInfoID.has_value());  // not renumbered, not stamped
-  EXPECT_FLOAT_EQ(list.entries.max_load_factor(), 1.0f);
-}
-
 TEST_F(UpdateTest, ExchangesChainsAndIdentityApplyAtOnceAndStamp) {
   put(A, ".a", 0x100);
   put(B, ".b", 0x200);

@@ -98,7 +98,8 @@ ELF::~ELF() {
 }
 
 absl::optional<ELFBytes> ELF::save() {
-  if (elf_double::trip(state().saveFault, state().saveCountdown)) return absl::nullopt;
+  int now = 0;
+  if (elf_double::trip(state().saveFault, now)) return absl::nullopt;
   if (impl_ == nullptr) return absl::nullopt;
   auto* data = static_cast<unsigned char*>(std::malloc(impl_->bytes.size()));
   if (data == nullptr) return absl::nullopt;
@@ -139,8 +140,8 @@ absl::Span<unsigned char const> ELF::bytes() const noexcept {
 }
 
 bool ELF::hasSection(const std::string& name) const {
-  int never = 0;
-  if (elf_double::trip(state().hasSectionFault, never)) return false;
+  int now = 0;
+  if (elf_double::trip(state().hasSectionFault, now)) return false;
   if (impl_ == nullptr) return false;
   return std::find(impl_->names.begin(), impl_->names.end(), name) != impl_->names.end();
 }

@@ -25,11 +25,9 @@ enum class Fault {
 };
 
 struct Control {
-  // Faults, applied when the countdown of the operation reaches zero: with
-  // the default countdown of 0 the next call fails; with n, the call after n
-  // successful ones. A fault stays armed until it is reset.
+  // Faults, applied to every call until reset; a load fault only once its
+  // countdown has reached zero (with n, the call after n successful ones).
   Fault saveFault = Fault::kNone;
-  int saveCountdown = 0;
   Fault loadFault = Fault::kNone;  // load() and adopt()
   int loadCountdown = 0;
   Fault hasSectionFault = Fault::kNone;

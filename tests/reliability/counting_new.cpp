@@ -1,7 +1,6 @@
 #include "counting_new.h"
 
-#include <malloc.h>
-
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -10,8 +9,6 @@ namespace {
 
 struct State {
   long live = 0;
-  std::size_t bytes = 0;
-  std::size_t peak = 0;
   long failAt = 0;  // 0: disarmed
   long seen = 0;
   bool tripped = false;
@@ -42,18 +39,13 @@ void* take(std::size_t n, std::size_t align) {
     p = nullptr;
   }
   if (p == nullptr) return nullptr;
-  State& s = state();
-  ++s.live;
-  s.bytes += malloc_usable_size(p);
-  if (s.bytes > s.peak) s.peak = s.bytes;
+  ++state().live;
   return p;
 }
 
 void give(void* p) noexcept {
   if (p == nullptr) return;
-  State& s = state();
-  --s.live;
-  s.bytes -= malloc_usable_size(p);
+  --state().live;
   std::free(p);
 }
 
@@ -66,9 +58,6 @@ void* takeOrThrow(std::size_t n, std::size_t align) {
 }  // namespace
 
 long liveCount() { return state().live; }
-std::size_t liveBytes() { return state().bytes; }
-std::size_t peakBytes() { return state().peak; }
-void resetPeak() { state().peak = state().bytes; }
 void failAt(long k) {
   state().failAt = k;
   state().seen = 0;
@@ -76,7 +65,6 @@ void failAt(long k) {
 }
 void disarm() { state().failAt = 0; }
 bool tripped() { return state().tripped; }
-long seen() { return state().seen; }
 
 }  // namespace counting_new
 

@@ -1,23 +1,16 @@
 // A replacement of the global operator new and delete (every form) for the
-// reliability tests: it counts live allocations and live bytes, keeps the
-// peak of live bytes, and can be armed to fail one chosen allocation.
+// reliability tests: it counts live allocations and can be armed to fail one
+// chosen allocation.
 //
 // Only test binaries link it. Its state is process-wide and the tests are
 // single-threaded.
 #ifndef KELO_TESTS_RELIABILITY_COUNTING_NEW_H_
 #define KELO_TESTS_RELIABILITY_COUNTING_NEW_H_
 
-#include <cstddef>
-
 namespace counting_new {
 
-// Live allocations and bytes (by malloc_usable_size) made through operator new.
+// Live allocations made through operator new.
 long liveCount();
-std::size_t liveBytes();
-
-// The highest liveBytes() since the last resetPeak().
-std::size_t peakBytes();
-void resetPeak();
 
 // Makes the k-th allocation from now (k >= 1) fail: the throwing forms throw
 // std::bad_alloc, the nothrow forms return null. Allocations after it
@@ -25,9 +18,6 @@ void resetPeak();
 void failAt(long k);
 void disarm();
 bool tripped();
-
-// Allocations made since the last failAt() (the failed one included).
-long seen();
 
 }  // namespace counting_new
 

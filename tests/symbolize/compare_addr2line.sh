@@ -47,12 +47,9 @@ nm --defined-only "${objects[@]}" | awk 'NF == 3 && $2 ~ /[tTdDbBrRwW]/ { print 
 nm prog | awk 'NR == FNR { want[$1] = 1; next } ($3 in want) { print "0x" $1 }' names.txt - >symbols.txt
 cp symbols.txt candidates.txt
 
-awk -v seed=14 '
-  function hex(s,   i, n, c) {
-    n = 0; s = tolower(s); sub(/^0x/, "", s)
-    for (i = 1; i <= length(s); i++) { c = index("0123456789abcdef", substr(s, i, 1)) - 1; n = n * 16 + c }
-    return n
-  }
+hex='function hex(s,   i, n) { n = 0; s = tolower(s); sub(/^0x/, "", s)
+  for (i = 1; i <= length(s); i++) n = n * 16 + index("0123456789abcdef", substr(s, i, 1)) - 1; return n }'
+awk -v seed=14 "$hex"'
   BEGIN { srand(seed) }
   FILENAME == ARGV[1] {
     for (a = hex($1); a < hex($2); a++) printf "0x%x\n", a
@@ -65,12 +62,7 @@ awk -v seed=14 '
   }' stored.txt linked.txt >>candidates.txt
 
 # Keep what a stored range holds, or what no section of the program holds.
-awk '
-  function hex(s,   i, n, c) {
-    n = 0; s = tolower(s); sub(/^0x/, "", s)
-    for (i = 1; i <= length(s); i++) { c = index("0123456789abcdef", substr(s, i, 1)) - 1; n = n * 16 + c }
-    return n
-  }
+awk "$hex"'
   FILENAME == ARGV[1] { ss[++ns] = hex($1); se[ns] = hex($2); next }
   FILENAME == ARGV[2] { ls[++nl] = hex($1); le[nl] = ls[nl] + hex($2); next }
   {

@@ -4,8 +4,6 @@
 // Agreement with binutils on a real linked program is compare_addr2line.sh's.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "kelo/debuginfo.h"
 #include "kelo/symbolize.h"
 #include "kelo/symbolize.hpp"
+#include "support/files.h"
 
 namespace {
 
@@ -24,9 +23,7 @@ using kelo_symbolize::Range;
 using kelo_symbolize::Symbolizer;
 
 kelo_elf::ELF example(const std::string& name) {
-  std::ifstream in(std::string(KELO_TEST_DATA_DIR) + "/" + name, std::ios::binary);
-  const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  absl::optional<kelo_elf::ELF> elf = kelo_elf::ELF::load(bytes);
+  absl::optional<kelo_elf::ELF> elf = kelo_elf::ELF::load(kelo_test::example(name));
   if (!elf) throw std::runtime_error("cannot load example " + name);
   return std::move(*elf);
 }

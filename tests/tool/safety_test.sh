@@ -129,6 +129,9 @@ test_resources() {
   grep -q 'big\.kdbg: out of memory' err.txt || fail "out of memory reading: $(cat err.txt)"
   (ulimit -v $limit && "$kelodbg" create other.kdbg 1=big.o 2>err.txt; echo $? >rc.txt)
   [[ $(cat rc.txt) == 12 ]] || fail "out of memory loading an ELF file: exit $(cat rc.txt): $(cat err.txt)"
+  # A small file that claims a 1.75 GiB image is damaged, however little memory there is.
+  { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le $((0x70000000)) 8; printf 'JUNK'; } >claims.kdbg
+  expect 6 'ends inside the image \(1879048192 bytes\)' -- bash -c "ulimit -v $limit && exec '$kelodbg' list claims.kdbg"
   # Closed standard error or output: no abort, the exit code stays right.
   "$kelodbg" list missing.kdbg 2>&-
   [[ $? == 3 ]] || fail "closed stderr: exit code"

@@ -38,8 +38,6 @@ const char* describe(int code) {
       return "four";
     case 5:
       return "five";
-    default:
-      break;
   }
   if (code < 0) return "negative";
   strncpy(buffer, "many", sizeof buffer - 1);
