@@ -125,7 +125,7 @@ unsigned udata(Dwarf_Die* die, unsigned name) {
 }
 
 // The name binutils gives a function DIE: a linkage name anywhere along its
-// abstract origin and specification, else the first plain name there.
+// abstract origin and DW_AT_specification, else the first plain name there.
 FunctionName nameOf(Dwarf_Die* die, bool plainComplete) {
   Dwarf_Die copy = *die;
   Dwarf_Attribute attr;
