@@ -7,11 +7,11 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libelf-dev libdw-dev libabsl-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
   libclang-rt-14-dev g++-multilib qemu-user
-  libabsl-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libelf1:i386 libfmt-dev:i386
+  libabsl-dev:i386 libgtest-dev:i386 libelf1:i386 libfmt-dev:i386
 )
 
 sudo=

@@ -7,9 +7,11 @@
 #
 # Needs g++-multilib, qemu-user and the i386 packages installed beside the
 # 64-bit ones (dpkg --add-architecture i386): libabsl-dev:i386,
-# libgtest-dev:i386, libgmock-dev:i386, libelf1:i386. The i386 libelf is used
+# libgtest-dev:i386, libelf1:i386, libfmt-dev:i386. The i386 libelf is used
 # through its runtime library alone (libelf-dev:i386 cannot be installed next
-# to g++-multilib); the headers of the 64-bit libelf-dev serve.
+# to g++-multilib); the headers of the 64-bit libelf-dev serve. There is no
+# i386 libdw beside them, so the symbolization library (and kelodbg's
+# addr2line and map) is left out of this build.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 
