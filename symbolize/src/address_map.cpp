@@ -46,14 +46,7 @@ void AddressMap::finish() {
   // Sweep the boundaries, keeping the ranges open at each one; the answer is
   // the open range that started last (then the first in order). Ranges that
   // have ended leave the queue when they come to its top.
-  std::vector<uint64_t> bounds;
-  bounds.reserve(2 * ranges_.size());
-  for (const Range& r : ranges_) {
-    bounds.push_back(r.start);
-    bounds.push_back(r.end);
-  }
-  std::sort(bounds.begin(), bounds.end());
-  bounds.erase(std::unique(bounds.begin(), bounds.end()), bounds.end());
+  const std::vector<uint64_t> bounds = boundaries(ranges_);
   auto later = [this](size_t a, size_t b) {
     return ranges_[a].start != ranges_[b].start ? ranges_[a].start < ranges_[b].start : a > b;
   };

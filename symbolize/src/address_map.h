@@ -2,6 +2,7 @@
 #ifndef KELO_SYMBOLIZE_ADDRESS_MAP_H_
 #define KELO_SYMBOLIZE_ADDRESS_MAP_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -47,6 +48,21 @@ class AddressMap {
   };
   std::vector<Piece> pieces_;
 };
+
+// The distinct starts and ends of `ranges` (anything with `start` and `end`),
+// sorted: the points where a sweep over them changes which ranges are open.
+template <typename Ranges>
+std::vector<uint64_t> boundaries(const Ranges& ranges) {
+  std::vector<uint64_t> bounds;
+  bounds.reserve(2 * ranges.size());
+  for (const auto& r : ranges) {
+    bounds.push_back(r.start);
+    bounds.push_back(r.end);
+  }
+  std::sort(bounds.begin(), bounds.end());
+  bounds.erase(std::unique(bounds.begin(), bounds.end()), bounds.end());
+  return bounds;
+}
 
 }  // namespace internal
 }  // namespace kelo_symbolize

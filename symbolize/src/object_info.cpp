@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "address_map.h"
+
 namespace kelo_symbolize {
 namespace internal {
 
@@ -368,14 +370,7 @@ void ObjectInfo::indexUnit(Unit& unit) {
   // range holding it, the later DIE on a tie: a sweep over the range
   // boundaries keeps the open ranges in that order, dropping ended ones
   // when they reach the top.
-  std::vector<uint64_t> bounds;
-  bounds.reserve(2 * spans.size());
-  for (const Span& s : spans) {
-    bounds.push_back(s.start);
-    bounds.push_back(s.end);
-  }
-  std::sort(bounds.begin(), bounds.end());
-  bounds.erase(std::unique(bounds.begin(), bounds.end()), bounds.end());
+  const std::vector<uint64_t> bounds = boundaries(spans);
   std::sort(spans.begin(), spans.end(), [](const Span& a, const Span& b) { return a.start < b.start; });
   auto worse = [](const Span& a, const Span& b) {
     const uint64_t la = a.end - a.start, lb = b.end - b.start;
