@@ -6,7 +6,7 @@ set -euo pipefail
 # The one list of packages.
 packages=(
   build-essential cmake pkg-config
-  libelf-dev libdw-dev libabsl-dev
+  libelf-dev libdw-dev libabsl-dev libiberty-dev zlib1g-dev
   libgtest-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format

@@ -317,6 +317,41 @@ std::vector<std::string> ELF::sectionNames() const {
   return out;
 }
 
+std::vector<SectionHeader> ELF::sectionHeaders() const {
+  std::vector<SectionHeader> out;
+  if (impl_ == nullptr) return out;
+  const unsigned char* data = impl_->bytes();
+  Layout l;
+  readLayout(data, impl_->size, l);
+  ByteReader r(data, impl_->size, l.big);
+  const unsigned w = l.is64 ? 8 : 4;  // the width of flags, addresses and sizes
+  out.resize(l.shnum);
+  forEachSection(data, impl_->size, l, [&](uint32_t i, uint64_t name) {
+    const uint64_t at = l.shoff + uint64_t{i} * l.shdrSize;
+    SectionHeader& s = out[i];
+    s.name = std::string(nameAt(data, l, name));
+    s.type = static_cast<uint32_t>(r.read(at + kShType, 4));
+    s.flags = r.read(at + 8, w);
+    s.addr = r.read(at + 8 + w, w);
+    s.offset = r.read(at + 8 + 2 * w, w);
+    s.size = r.read(at + 8 + 3 * w, w);
+    s.link = static_cast<uint32_t>(r.read(at + 8 + 4 * w, 4));
+    s.info = static_cast<uint32_t>(r.read(at + 12 + 4 * w, 4));
+    s.addralign = r.read(at + 16 + 4 * w, w);
+    s.entsize = r.read(at + 16 + 5 * w, w);
+    return true;
+  });
+  return out;
+}
+
+bool ELF::is64() const noexcept { return impl_ != nullptr && impl_->bytes()[4] == kClass64; }
+
+uint16_t ELF::fileType() const noexcept {
+  if (impl_ == nullptr) return 0;
+  ByteReader r(impl_->bytes(), impl_->size, impl_->bytes()[5] == kBig);
+  return static_cast<uint16_t>(r.read(16, 2));
+}
+
 uint32_t ELF::size() const noexcept { return impl_ == nullptr ? 0 : impl_->size; }
 
 }  // namespace kelo_elf

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <numeric>
 #include <queue>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -33,15 +34,36 @@ void AddressMap::finish() {
   ranges_ = std::move(ranges);
   placements_ = std::move(placements);
 
-  // Sorted by start, every range that begins before another ends overlaps
-  // it; the scan costs one step per overlap.
+  // Overlaps are counted, not enumerated: the ranges sharing an address with
+  // range i are those that start before it ends, less those that end before
+  // (or where) it starts, less itself. Only the first few are listed: of the
+  // earlier ranges, those still open at its start (kept in position order,
+  // leaving when they end), then the later ones that start inside it.
+  std::vector<uint64_t> starts(ranges_.size()), ends(ranges_.size());
   for (size_t i = 0; i < ranges_.size(); ++i) {
-    for (size_t j = i + 1; j < ranges_.size() && ranges_[j].start < ranges_[i].end; ++j) {
-      ranges_[i].overlaps.push_back(j);
-      ranges_[j].overlaps.push_back(i);
-    }
+    starts[i] = ranges_[i].start;
+    ends[i] = ranges_[i].end;
   }
-  for (Range& r : ranges_) std::sort(r.overlaps.begin(), r.overlaps.end());
+  std::sort(ends.begin(), ends.end());
+  auto endsLater = [this](size_t a, size_t b) { return ranges_[a].end > ranges_[b].end; };
+  std::priority_queue<size_t, std::vector<size_t>, decltype(endsLater)> byEnd(endsLater);
+  std::set<size_t> stillOpen;
+  for (size_t i = 0; i < ranges_.size(); ++i) {
+    Range& r = ranges_[i];
+    const size_t startingBefore = static_cast<size_t>(std::lower_bound(starts.begin(), starts.end(), r.end) - starts.begin());
+    const size_t endedBefore = static_cast<size_t>(std::upper_bound(ends.begin(), ends.end(), r.start) - ends.begin());
+    r.overlapCount = startingBefore - endedBefore - 1;
+    while (!byEnd.empty() && ranges_[byEnd.top()].end <= r.start) {
+      stillOpen.erase(byEnd.top());
+      byEnd.pop();
+    }
+    for (auto it = stillOpen.begin(); it != stillOpen.end() && r.overlaps.size() < kListedOverlaps; ++it) r.overlaps.push_back(*it);
+    for (size_t j = i + 1; j < ranges_.size() && ranges_[j].start < r.end && r.overlaps.size() < kListedOverlaps; ++j) {
+      r.overlaps.push_back(j);
+    }
+    stillOpen.insert(i);
+    byEnd.push(i);
+  }
 
   // Sweep the boundaries, keeping the ranges open at each one; the answer is
   // the open range that started last (then the first in order). Ranges that

@@ -13,9 +13,10 @@ kelo_elf::ELFBytes copyOf(const kelo_elf::ELF& image) {
   // place: both get a private copy, never the stored bytes.
   const absl::Span<unsigned char const> stored = image.bytes();
   if (stored.empty()) return kelo_elf::ELFBytes();
-  auto* data = static_cast<unsigned char*>(std::malloc(stored.size()));
+  auto* data = static_cast<unsigned char*>(std::malloc(stored.size() + 1));
   if (data == nullptr) throw std::bad_alloc();
   std::memcpy(data, stored.data(), stored.size());
+  data[stored.size()] = 0;
   return kelo_elf::ELFBytes(data, static_cast<uint32_t>(stored.size()));
 }
 
@@ -26,35 +27,7 @@ ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept {
   return elf;
 }
 
-bool readHeader(Elf* elf, ElfHeaderFacts& out) noexcept {
-  GElf_Ehdr ehdr;
-  const int elfClass = gelf_getclass(elf);
-  if (elfClass == ELFCLASSNONE || gelf_getehdr(elf, &ehdr) == nullptr) return false;
-  out.elfClass = static_cast<unsigned>(elfClass);
-  out.type = ehdr.e_type;
-  return true;
-}
-
-std::vector<SectionHeader> readSections(Elf* elf) {
-  size_t count = 0, names = 0;
-  if (elf_getshdrnum(elf, &count) != 0 || elf_getshdrstrndx(elf, &names) != 0) return {};
-  std::vector<SectionHeader> sections(count);
-  for (size_t i = 1; i < count; ++i) {
-    Elf_Scn* scn = elf_getscn(elf, i);
-    GElf_Shdr shdr;
-    if (scn == nullptr || gelf_getshdr(scn, &shdr) == nullptr) return {};
-    const char* name = elf_strptr(elf, names, shdr.sh_name);
-    SectionHeader& s = sections[i];
-    s.name = name != nullptr ? name : "";
-    s.type = shdr.sh_type;
-    s.flags = shdr.sh_flags;
-    s.addr = shdr.sh_addr;
-    s.size = shdr.sh_size;
-  }
-  return sections;
-}
-
-std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<SectionHeader>& sections) {
+std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections) {
   std::vector<std::vector<CodeSymbol>> bySection(sections.size());
   Elf_Scn* symtab = nullptr;
   for (size_t i = 1; i < sections.size(); ++i) {
@@ -103,6 +76,7 @@ std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector
     // wraps around and never names anything, as in binutils.
     s.offset = sym.st_value - sections[shndx].addr;
     s.size = sym.st_size != 0 ? sym.st_size : 1;
+    s.sized = sym.st_size != 0;
     s.name = name;
     s.file = local ? file : nullptr;
     s.order = static_cast<uint32_t>(i);

@@ -1,5 +1,6 @@
-// Reading an image's section headers and symbol table with libelf, from a
-// private copy of the image's bytes.
+// What the symbolizer reads of an image with libelf: its symbol table, from
+// a private copy of the image's bytes. Section headers come from the image
+// library.
 #ifndef KELO_SYMBOLIZE_ELF_READER_H_
 #define KELO_SYMBOLIZE_ELF_READER_H_
 
@@ -22,33 +23,14 @@ struct ElfEnd {
 using ElfPtr = std::unique_ptr<Elf, ElfEnd>;
 
 // A malloc'ed, writable copy of an image's bytes (libdwfl applies
-// relocations to the DWARF sections in place, so the bytes must be ours).
-// Empty when the image cannot be saved.
+// relocations to the DWARF sections in place, so the bytes must be ours),
+// with one NUL byte after them that is not part of the image: a string
+// that runs to the image's end stops there. Empty when the image is.
 kelo_elf::ELFBytes copyOf(const kelo_elf::ELF& image);
 
 // libelf over `bytes`, which must outlive the result. Null when libelf does
 // not take the bytes for an ELF file.
 ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept;
-
-struct SectionHeader {
-  std::string name;
-  uint32_t type = 0;
-  uint64_t flags = 0;
-  uint64_t addr = 0;  // sh_addr as the file has it
-  uint64_t size = 0;
-};
-
-struct ElfHeaderFacts {
-  unsigned elfClass = 0;  // ELFCLASS32 or ELFCLASS64
-  unsigned type = 0;      // e_type
-};
-
-// The file's class and type; false when the header cannot be read.
-bool readHeader(Elf* elf, ElfHeaderFacts& out) noexcept;
-
-// Every section header, by section index (index 0 is the null section).
-// Empty when the section table cannot be read.
-std::vector<SectionHeader> readSections(Elf* elf);
 
 // A symbol that can name code at an address, as a linked program's symbol
 // table would hold it: defined in a section, not a section, file, data or
@@ -62,11 +44,16 @@ struct CodeSymbol {
   uint32_t order = 0;          // position in the symbol table
   bool function = false;       // STT_FUNC or STT_GNU_IFUNC
   bool untyped = false;        // STT_NOTYPE
+  bool sized = false;          // st_size is not 0
+
+  // Whether the symbol reaches `offset` (one without a size reaches
+  // everything after it).
+  bool covers(uint64_t at) const noexcept { return !sized || at - offset < size; }
 };
 
 // The code symbols of each section, by section index, each list sorted by
 // offset and then table order. Names point into `elf`'s data.
-std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<SectionHeader>& sections);
+std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections);
 
 // The symbol that binutils' lookup takes for `offset` in a section whose
 // code symbols are `symbols`: the nearest at or before the offset; among

@@ -1,7 +1,7 @@
 #include "object_info.h"
 
-#include <cxxabi.h>
 #include <dwarf.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,58 +12,60 @@
 #include <utility>
 
 #include "address_map.h"
+#include "demangle.h"
 
 namespace kelo_symbolize {
 namespace internal {
 
+namespace {
+
+constexpr uint64_t kNoBase = ~uint64_t{0};
+constexpr uint32_t kNoFile = ~uint32_t{0};
+constexpr unsigned kDwAtGnuDiscriminator = 0x2136;
+
+// The module's user data for libdwfl's callbacks: the bytes to read, and
+// where each section lies.
+struct DwflContext {
+  kelo_elf::ELFBytes* bytes = nullptr;
+  const std::vector<uint64_t>* base = nullptr;
+};
+
+}  // namespace
+
 // One row of a unit's line table.
 struct ObjectInfo::Row {
   uint64_t addr;
-  const char* file;  // libdw's name, relative to the unit's directory or absolute
+  uint32_t file;  // in Unit::files, or kNoFile
   uint32_t line;
   uint32_t column;
   uint32_t discriminator;
   bool end;  // end of a sequence: no line from here on
 };
 
-// The name binutils gives a function DIE, and whether it is final.
-struct FunctionName {
-  const char* name = nullptr;
-  bool complete = false;  // a linkage name, or a plain name in a language without mangling
-};
-
 // A function DIE (subprogram, inlined subroutine or entry point) of a unit.
-// Its name and call site are read from the DIE on first use.
 struct ObjectInfo::Node {
-  Dwarf_Die die;
-  int32_t parent;     // the nearest enclosing function DIE, or -1
-  uint64_t firstLow;  // start of its first address range
-  bool hasLow;
+  int32_t parent;  // the nearest enclosing function DIE, or -1
   bool inlined;
-  bool read = false;
-  FunctionName name;
-  const std::string* callFile = nullptr;
-  unsigned callLine = 0, callColumn = 0, callDiscriminator = 0;
+  const std::string* name;  // the DWARF's name (see nameOf), or null
+  uint32_t callFile;        // inlined: in Unit::files, or kNoFile
+  uint32_t callLine, callColumn, callDiscriminator;
 };
 
 // A variable at a fixed address (its location is DW_OP_addr alone).
 struct ObjectInfo::Variable {
   uint64_t addr;
   size_t order;  // DIE order over the whole object
-  size_t unit;
-  Dwarf_Die die;
+  const std::string* name;
+  const std::string* file;
+  unsigned line;
 };
 
 struct ObjectInfo::Unit {
-  Dwarf_Die die;
-  const char* compDir = nullptr;
-  // Whether a plain DW_AT_name is the function's whole name (C and other
-  // languages without mangling), so that no symbol has to be consulted.
-  bool plainNamesComplete = false;
+  Dwarf_Off offset = 0;  // of the unit's DIE, to find it in a later session
+  std::string compDir;
   bool indexed = false;
-  Dwarf_Files* files = nullptr;
-  size_t fileCount = 0;
-  std::vector<Row> rows;  // by address; an end row precedes others at its address
+  std::vector<const std::string*> files;  // paths as printed
+  std::vector<Row> rows;                  // by address; an end row precedes others at its address
   std::vector<Node> nodes;
   // Disjoint, ascending pieces of the unit's code, each up to the next
   // piece's start, with the innermost function there (-1: none).
@@ -72,48 +74,31 @@ struct ObjectInfo::Unit {
     int32_t node;
   };
   std::vector<Piece> pieces;
-  // File names as printed, by libdw's name (whose pointers are stable).
-  std::unordered_map<const char*, std::string> paths;
+};
+
+// libdw's view of the object: a private copy of its bytes (relocated in
+// place for a relocatable object) and the descriptors reading it.
+struct ObjectInfo::Session {
+  kelo_elf::ELFBytes bytes;
+  DwflContext context;  // what libdwfl's callbacks are given
+  Dwfl* dwfl = nullptr;                         // relocatable objects
+  ElfPtr elf;                                   // linked files: the descriptor ownDwarf reads
+  Dwarf* ownDwarf = nullptr;                    // linked files, read as they are
+  Dwarf* dwarf = nullptr;                       // whichever of the two
+  Dwarf_Addr bias = 0;
+
+  ~Session() {
+    if (ownDwarf != nullptr) dwarf_end(ownDwarf);
+    elf.reset();
+    if (dwfl != nullptr) dwfl_end(dwfl);
+  }
 };
 
 namespace {
 
-constexpr unsigned kDwAtGnuDiscriminator = 0x2136;
-
-// Languages whose functions carry no mangled names: a plain name is final.
-bool plainNamesComplete(int language) {
-  switch (language) {
-    case DW_LANG_C89:
-    case DW_LANG_C:
-    case DW_LANG_C99:
-    case DW_LANG_C11:
-    case 0x2c:  // C17
-    case DW_LANG_Cobol74:
-    case DW_LANG_Cobol85:
-    case DW_LANG_Fortran77:
-    case DW_LANG_Fortran90:
-    case DW_LANG_Fortran95:
-    case DW_LANG_Pascal83:
-    case DW_LANG_PLI:
-    case DW_LANG_UPC:
-    case DW_LANG_Mips_Assembler:
-      return true;
-    default:
-      return false;
-  }
-}
-
-std::string demangle(const std::string& name) {
-  if (name.compare(0, 2, "_Z") != 0 && name.compare(0, 8, "_GLOBAL_") != 0) return name;
-  int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> out(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status),
-                                                  &std::free);
-  return status == 0 && out ? std::string(out.get()) : name;
-}
-
-std::string inDirectory(const char* compDir, const char* name) {
+std::string inDirectory(const std::string& compDir, const char* name) {
   if (name == nullptr) return std::string();
-  if (name[0] == '/' || compDir == nullptr || compDir[0] == '\0') return name;
+  if (name[0] == '/' || compDir.empty()) return name;
   std::string path(compDir);
   if (path.back() != '/') path += '/';
   return path + name;
@@ -126,22 +111,18 @@ unsigned udata(Dwarf_Die* die, unsigned name) {
   return static_cast<unsigned>(value);
 }
 
-// The name binutils gives a function DIE: a linkage name anywhere along its
+// The DWARF's name of a function DIE: a linkage name anywhere along its
 // abstract origin and DW_AT_specification, else the first plain name there.
-FunctionName nameOf(Dwarf_Die* die, bool plainComplete) {
+const char* nameOf(Dwarf_Die* die) {
   Dwarf_Die copy = *die;
   Dwarf_Attribute attr;
-  FunctionName result;
+  const char* name = nullptr;
   if (dwarf_attr_integrate(&copy, DW_AT_linkage_name, &attr) != nullptr ||
       dwarf_attr_integrate(&copy, DW_AT_MIPS_linkage_name, &attr) != nullptr) {
-    result.name = dwarf_formstring(&attr);
-    result.complete = result.name != nullptr;
+    name = dwarf_formstring(&attr);
   }
-  if (result.name == nullptr && dwarf_attr_integrate(&copy, DW_AT_name, &attr) != nullptr) {
-    result.name = dwarf_formstring(&attr);
-    result.complete = plainComplete;
-  }
-  return result;
+  if (name == nullptr && dwarf_attr_integrate(&copy, DW_AT_name, &attr) != nullptr) name = dwarf_formstring(&attr);
+  return name;
 }
 
 // Tags whose children hold no code and no variables at fixed addresses.
@@ -159,49 +140,84 @@ bool holdsNoCode(int tag) {
   }
 }
 
-}  // namespace
 
-ObjectInfo::ObjectInfo(const kelo_elf::ELF& image, std::vector<SectionPlace> places, uint64_t low, uint64_t high)
-    : bytes_(copyOf(image)), places_(std::move(places)) {
-  std::sort(places_.begin(), places_.end(),
-            [](const SectionPlace& a, const SectionPlace& b) { return a.section < b.section; });
-  {
-    // Sections and symbols are read before libdwfl relocates anything.
-    ElfPtr elf = openMemory(bytes_);
-    ElfHeaderFacts facts;
-    if (!elf || !readHeader(elf.get(), facts)) return;
-    type_ = facts.type;
-    sections_ = readSections(elf.get());
-    symbols_ = readCodeSymbols(elf.get(), sections_);
+bool startsWith(const char* s, const char* prefix) { return std::strncmp(s, prefix, std::strlen(prefix)) == 0; }
+
+// Sections whose strings libdw reads up to their NUL.
+bool isStringSection(const char* name) {
+  return std::strcmp(name, ".debug_str") == 0 || std::strcmp(name, ".debug_line_str") == 0;
+}
+
+// Whether a GNU-compressed section ("ZLIB", the size, a zlib stream)
+// inflates to bytes that end in NUL. Its size was checked against the limit.
+bool inflatesToTerminated(const Elf_Data* raw) {
+  const unsigned char* in = static_cast<const unsigned char*>(raw->d_buf);
+  z_stream z{};
+  if (inflateInit(&z) != Z_OK) return false;
+  z.next_in = const_cast<unsigned char*>(in + 12);
+  z.avail_in = static_cast<uInt>(std::min<size_t>(raw->d_size - 12, UINT32_MAX));
+  unsigned char chunk[16384];
+  unsigned char last = 1;
+  int status = Z_OK;
+  while (status == Z_OK) {
+    z.next_out = chunk;
+    z.avail_out = sizeof chunk;
+    status = inflate(&z, Z_NO_FLUSH);
+    const size_t produced = sizeof chunk - z.avail_out;
+    if (produced != 0) last = chunk[produced - 1];
+    if (status == Z_OK && produced == 0 && z.avail_in == 0) break;
   }
-  openDwarf(low, high);
-  if (dwarf_ != nullptr) listUnits();
+  inflateEnd(&z);
+  return status == Z_STREAM_END && last == 0;
 }
 
-ObjectInfo::~ObjectInfo() {
-  units_.clear();
-  if (ownDwarf_ != nullptr) dwarf_end(ownDwarf_);
-  elf_.reset();
-  if (dwfl_ != nullptr) dwfl_end(dwfl_);
+
+void terminateStrings(Elf* elf) {
+  // libdw hands out (and itself reads) the strings of .debug_str and
+  // .debug_line_str up to their NUL without checking that the NUL lies in
+  // the section. A section that does not end in NUL loses its last byte to
+  // one, in our copy (or in libelf's inflated copy), so that no string runs
+  // past it. A GNU-compressed one that does not is left unread.
+  size_t names = 0;
+  if (elf_getshdrstrndx(elf, &names) != 0) return;
+  for (Elf_Scn* scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+    GElf_Shdr shdr;
+    if (gelf_getshdr(scn, &shdr) == nullptr || shdr.sh_type == SHT_NOBITS) continue;
+    const char* name = elf_strptr(elf, names, shdr.sh_name);
+    if (name == nullptr) continue;
+    const bool gnuCompressed = startsWith(name, ".zdebug") && isStringSection((std::string(".debug") + (name + 7)).c_str());
+    if (!isStringSection(name) && !gnuCompressed) continue;
+    if ((shdr.sh_flags & SHF_COMPRESSED) && elf_compress(scn, 0, 0) < 0) continue;
+    if (gnuCompressed) {
+      // Inflated by libdw only later, where we cannot reach: its last byte
+      // is looked at here, and a section that does not end in NUL loses its
+      // "ZLIB" mark, so that libdw leaves it unread.
+      Elf_Data* raw = elf_rawdata(scn, nullptr);
+      if (raw != nullptr && raw->d_size >= 12 && !inflatesToTerminated(raw)) static_cast<char*>(raw->d_buf)[0] = 'X';
+      continue;
+    }
+    Elf_Data* data = elf_getdata(scn, nullptr);
+    if (data == nullptr || data->d_buf == nullptr || data->d_size == 0) continue;
+    char* last = static_cast<char*>(data->d_buf) + data->d_size - 1;
+    *last = '\0';
+  }
 }
 
-int ObjectInfo::findElf(Dwfl_Module*, void** userdata, const char*, Dwarf_Addr, char**, Elf** elfp) {
-  ObjectInfo* self = static_cast<ObjectInfo*>(*userdata);
+
+int findElf(Dwfl_Module*, void** userdata, const char*, Dwarf_Addr, char**, Elf** elfp) {
+  kelo_elf::ELFBytes& bytes = *static_cast<DwflContext*>(*userdata)->bytes;
   // libdwfl owns this descriptor and ends it; the bytes stay ours.
-  *elfp = elf_memory(reinterpret_cast<char*>(self->bytes_.data), self->bytes_.size);
+  *elfp = elf_memory(reinterpret_cast<char*>(bytes.data), bytes.size);
+  if (*elfp != nullptr) terminateStrings(*elfp);
   return -1;
 }
 
-int ObjectInfo::sectionAddress(Dwfl_Module*, void** userdata, const char*, Dwarf_Addr, const char*, GElf_Word shndx,
-                               const GElf_Shdr*, Dwarf_Addr* addr) {
-  const ObjectInfo* self = static_cast<const ObjectInfo*>(*userdata);
-  auto it = std::lower_bound(self->places_.begin(), self->places_.end(), size_t{shndx},
-                             [](const SectionPlace& p, size_t s) { return p.section < s; });
-  *addr = it != self->places_.end() && it->section == shndx ? it->address : static_cast<Dwarf_Addr>(-1);
+int sectionAddress(Dwfl_Module*, void** userdata, const char*, Dwarf_Addr, const char*, GElf_Word shndx,
+                   const GElf_Shdr*, Dwarf_Addr* addr) {
+  const std::vector<uint64_t>& base = *static_cast<DwflContext*>(*userdata)->base;
+  *addr = shndx < base.size() && base[shndx] != kNoBase ? base[shndx] : static_cast<Dwarf_Addr>(-1);
   return DWARF_CB_OK;
 }
-
-namespace {
 
 int noSeparateDebugInfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const char*, const char*, GElf_Word, char**) {
   return -1;
@@ -209,69 +225,208 @@ int noSeparateDebugInfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const cha
 
 }  // namespace
 
-void ObjectInfo::openDwarf(uint64_t low, uint64_t high) {
+ObjectInfo::ObjectInfo(const kelo_elf::ELF& image, bool demangle)
+    : image_(image), type_(image.fileType()), demangle_(demangle), sections_(image.sectionHeaders()) {
+  layOut();
+  kelo_elf::ELFBytes bytes = copyOf(image_);
+  ElfPtr elf = openMemory(bytes);
+  if (!elf) return;
+  symbols_ = readCodeSymbols(elf.get(), sections_);
+  for (std::vector<CodeSymbol>& list : symbols_) {
+    for (CodeSymbol& s : list) {
+      s.name = intern(s.name)->c_str();
+      if (s.file != nullptr) s.file = intern(s.file)->c_str();
+    }
+    indexBytes_ += list.capacity() * sizeof(CodeSymbol);
+  }
+  if (!checkCompressed(elf.get())) return;
+  elf.reset();
+  dwarfUsable_ = true;
+  session_ = openSession();
+  if (session_ == nullptr) {
+    dwarfUsable_ = false;
+    return;
+  }
+  bias_ = session_->bias;
+  listUnits(session_->dwarf);
+  if (units_.empty()) {
+    dwarfUsable_ = false;
+    session_.reset();
+  }
+}
+
+ObjectInfo::~ObjectInfo() = default;
+
+size_t ObjectInfo::sessionBytes() const noexcept {
+  // libdw's own state is guessed at the size of the indexes it fed.
+  return session_ == nullptr ? 0 : session_->bytes.size + inflated_ + indexBytes_;
+}
+
+void ObjectInfo::closeSession() noexcept { session_.reset(); }
+
+void ObjectInfo::layOut() {
+  base_.assign(sections_.size(), kNoBase);
+  if (type_ != ET_REL) {
+    for (size_t i = 1; i < sections_.size(); ++i) {
+      if (sections_[i].flags & SHF_ALLOC) base_[i] = sections_[i].addr;
+    }
+    return;
+  }
+  // Each allocated section gets addresses of its own, 16 bytes apart from
+  // the next, starting above 0 (which libdwfl reads as "not loaded"). Sizes
+  // come from the file and may be anything: a section that does not fit
+  // below 2^62 gets no place, and no answers.
+  constexpr uint64_t kLimit = uint64_t{1} << 62;
+  uint64_t cursor = 0x10000;
+  for (size_t i = 1; i < sections_.size(); ++i) {
+    const kelo_elf::SectionHeader& s = sections_[i];
+    if ((s.flags & SHF_ALLOC) == 0) continue;
+    const uint64_t align = s.addralign > 16 && s.addralign <= 4096 ? s.addralign : 16;
+    cursor = (cursor + align - 1) / align * align;
+    if (s.size > kLimit - cursor) break;
+    base_[i] = cursor;
+    cursor += s.size + 16;
+  }
+  low_ = 0x10000;
+  high_ = cursor;
+}
+
+bool ObjectInfo::checkCompressed(Elf* elf) {
+  // Inflating is libelf's, on libdw's demand; the sizes it would reach are
+  // in the headers, so a bomb is refused before anything is inflated.
+  size_t names = 0;
+  if (elf_getshdrstrndx(elf, &names) != 0) return true;
+  uint64_t total = 0;
+  for (Elf_Scn* scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+    GElf_Shdr shdr;
+    if (gelf_getshdr(scn, &shdr) == nullptr || shdr.sh_type == SHT_NOBITS) continue;
+    const char* name = elf_strptr(elf, names, shdr.sh_name);
+    uint64_t size = 0;
+    if (shdr.sh_flags & SHF_COMPRESSED) {
+      GElf_Chdr chdr;
+      if (gelf_getchdr(scn, &chdr) == nullptr) continue;
+      size = chdr.ch_size;
+    } else if (name != nullptr && startsWith(name, ".zdebug")) {
+      // "ZLIB" and the inflated size, big-endian.
+      Elf_Data* raw = elf_rawdata(scn, nullptr);
+      if (raw == nullptr || raw->d_size < 12 || std::memcmp(raw->d_buf, "ZLIB", 4) != 0) continue;
+      const unsigned char* p = static_cast<const unsigned char*>(raw->d_buf) + 4;
+      for (int k = 0; k < 8; ++k) size = size << 8 | p[k];
+    } else {
+      continue;
+    }
+    total += std::min<uint64_t>(size, uint64_t{1} << 62);
+  }
+  const uint64_t limit = uint64_t{kInflateFactor} * image_.size();
+  if (total > limit) {
+    problem_ = "compressed debug sections would inflate to " + std::to_string(total) + " bytes, more than " +
+               std::to_string(kInflateFactor) + " times the image's " + std::to_string(image_.size()) +
+               "; its debug information is not read";
+    return false;
+  }
+  inflated_ = static_cast<size_t>(total);
+  return true;
+}
+
+std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession() {
+  auto s = std::make_unique<Session>();
+  s->bytes = copyOf(image_);
+  s->context = DwflContext{&s->bytes, &base_};
   if (type_ == ET_REL) {
     // Only a module reported by address range lets libdwfl ask where each
     // section was loaded; it then applies the object's relocations to its
     // DWARF sections in place, in our copy of the bytes.
-    static const Dwfl_Callbacks callbacks = {&ObjectInfo::findElf, &noSeparateDebugInfo, &ObjectInfo::sectionAddress,
-                                             nullptr};
-    dwfl_ = dwfl_begin(&callbacks);
-    if (dwfl_ == nullptr) return;
-    dwfl_report_begin(dwfl_);
-    Dwfl_Module* mod = dwfl_report_module(dwfl_, "object", low, std::max(high, low + 1));
+    static const Dwfl_Callbacks callbacks = {&findElf, &noSeparateDebugInfo, &sectionAddress, nullptr};
+    s->dwfl = dwfl_begin(&callbacks);
+    if (s->dwfl == nullptr) return nullptr;
+    dwfl_report_begin(s->dwfl);
+    Dwfl_Module* mod = dwfl_report_module(s->dwfl, "object", low_, std::max(high_, low_ + 1));
     if (mod != nullptr) {
       void** userdata = nullptr;
       dwfl_module_info(mod, &userdata, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-      *userdata = this;
+      *userdata = &s->context;
     }
-    if (dwfl_report_end(dwfl_, nullptr, nullptr) != 0 || mod == nullptr) return;
+    if (dwfl_report_end(s->dwfl, nullptr, nullptr) != 0 || mod == nullptr) return nullptr;
     Dwarf_Addr bias = 0;
-    dwarf_ = dwfl_module_getdwarf(mod, &bias);
-    bias_ = bias;
+    s->dwarf = dwfl_module_getdwarf(mod, &bias);
+    s->bias = bias;
   } else {
     // Linked files need no relocation: their DWARF is read at the file's
-    // own addresses and each section's recorded address gives its bias.
-    elf_ = openMemory(bytes_);
-    if (elf_) ownDwarf_ = dwarf_begin_elf(elf_.get(), DWARF_C_READ, nullptr);
-    dwarf_ = ownDwarf_;
+    // own addresses.
+    s->elf = openMemory(s->bytes);
+    if (!s->elf) return nullptr;
+    terminateStrings(s->elf.get());
+    s->ownDwarf = dwarf_begin_elf(s->elf.get(), DWARF_C_READ, nullptr);
+    s->dwarf = s->ownDwarf;
   }
+  if (s->dwarf == nullptr) return nullptr;
+  return s;
 }
 
-void ObjectInfo::listUnits() {
+ObjectInfo::Session* ObjectInfo::session() {
+  if (session_ == nullptr && dwarfUsable_) {
+    session_ = openSession();
+    // The same bytes give the same relocation as the first time.
+    if (session_ == nullptr || session_->bias != bias_) {
+      session_.reset();
+      dwarfUsable_ = false;
+    }
+  }
+  return session_.get();
+}
+
+void ObjectInfo::listUnits(Dwarf* dwarf) {
   Dwarf_CU* cu = nullptr;
   Dwarf_Die cuDie;
   uint8_t unitType = 0;
-  while (dwarf_get_units(dwarf_, cu, &cu, nullptr, &unitType, &cuDie, nullptr) == 0) {
+  while (dwarf_get_units(dwarf, cu, &cu, nullptr, &unitType, &cuDie, nullptr) == 0) {
     if (unitType != DW_UT_compile && unitType != DW_UT_partial) continue;
     Unit unit;
-    unit.die = cuDie;
+    unit.offset = dwarf_dieoffset(&cuDie);
     Dwarf_Attribute attr;
-    if (dwarf_attr(&cuDie, DW_AT_comp_dir, &attr) != nullptr) unit.compDir = dwarf_formstring(&attr);
-    unit.plainNamesComplete = plainNamesComplete(dwarf_srclang(&cuDie));
+    const char* compDir = dwarf_attr(&cuDie, DW_AT_comp_dir, &attr) != nullptr ? dwarf_formstring(&attr) : nullptr;
+    if (compDir != nullptr) unit.compDir = compDir;
     Dwarf_Addr base, start, end;
     for (ptrdiff_t off = 0; (off = dwarf_ranges(&cuDie, off, &base, &start, &end)) > 0;) {
       if (start < end) unitPieces_.push_back({start, end, 0, units_.size()});
     }
-    units_.push_back(unit);
+    units_.push_back(std::move(unit));
   }
   std::sort(unitPieces_.begin(), unitPieces_.end(),
             [](const UnitPiece& a, const UnitPiece& b) { return a.start < b.start; });
   uint64_t maxEnd = 0;
   for (UnitPiece& p : unitPieces_) p.maxEnd = maxEnd = std::max(maxEnd, p.end);
+  indexBytes_ += units_.capacity() * sizeof(Unit) + unitPieces_.capacity() * sizeof(UnitPiece);
 }
 
-void ObjectInfo::indexUnit(Unit& unit) {
+const std::string* ObjectInfo::intern(const char* text) {
+  auto inserted = strings_.emplace(text != nullptr ? text : "");
+  if (inserted.second) indexBytes_ += inserted.first->capacity() + 48;
+  return &*inserted.first;
+}
+
+bool ObjectInfo::indexUnit(Unit& unit) {
+  Session* s = session();
+  Dwarf_Die cuDie;
+  if (s == nullptr || dwarf_offdie(s->dwarf, unit.offset, &cuDie) == nullptr) return false;
   unit.indexed = true;
-  const size_t unitIndex = static_cast<size_t>(&unit - units_.data());
-  if (dwarf_getsrcfiles(&unit.die, &unit.files, &unit.fileCount) != 0) {
-    unit.files = nullptr;
-    unit.fileCount = 0;
-  }
+
+  // File names as printed, by libdw's name (whose pointers are stable
+  // within the session).
+  std::unordered_map<const char*, uint32_t> fileIndex;
+  auto fileOf = [&](const char* name) -> uint32_t {
+    if (name == nullptr) return kNoFile;
+    auto it = fileIndex.find(name);
+    if (it == fileIndex.end()) {
+      it = fileIndex.emplace(name, static_cast<uint32_t>(unit.files.size())).first;
+      unit.files.push_back(intern(inDirectory(unit.compDir, name).c_str()));
+    }
+    return it->second;
+  };
 
   Dwarf_Lines* lines = nullptr;
   size_t lineCount = 0;
-  if (dwarf_getsrclines(&unit.die, &lines, &lineCount) == 0) {
+  if (dwarf_getsrclines(&cuDie, &lines, &lineCount) == 0) {
     unit.rows.reserve(lineCount);
     for (size_t i = 0; i < lineCount; ++i) {
       Dwarf_Line* line = dwarf_onesrcline(lines, i);
@@ -284,7 +439,7 @@ void ObjectInfo::indexUnit(Unit& unit) {
       dwarf_linecol(line, &column);
       dwarf_linediscriminator(line, &discriminator);
       dwarf_lineendsequence(line, &end);
-      unit.rows.push_back({addr, dwarf_linesrc(line, nullptr, nullptr), static_cast<uint32_t>(lineNo),
+      unit.rows.push_back({addr, fileOf(dwarf_linesrc(line, nullptr, nullptr)), static_cast<uint32_t>(lineNo),
                            static_cast<uint32_t>(column), discriminator, end});
     }
     // libdw sorts its rows this way already; make sure of it.
@@ -293,10 +448,17 @@ void ObjectInfo::indexUnit(Unit& unit) {
       std::stable_sort(unit.rows.begin(), unit.rows.end(), before);
     }
   }
+  Dwarf_Files* files = nullptr;
+  size_t fileCount = 0;
+  if (dwarf_getsrcfiles(&cuDie, &files, &fileCount) != 0) {
+    files = nullptr;
+    fileCount = 0;
+  }
 
   // One walk over the unit's DIEs collects the function DIEs with their
-  // address ranges and nesting, and the variables at fixed addresses. The
-  // walk keeps its own stack: nesting depth is the input's to choose.
+  // names, call sites, address ranges and nesting, and the variables at
+  // fixed addresses. The walk keeps its own stack: nesting depth is the
+  // input's to choose.
   struct Span {
     uint64_t start, end;
     int32_t node;
@@ -309,27 +471,33 @@ void ObjectInfo::indexUnit(Unit& unit) {
   std::vector<Open> stack;
   Dwarf_Die die;
   int32_t enclosing = -1;
-  bool more = dwarf_child(&unit.die, &die) == 0;
+  bool more = dwarf_child(&cuDie, &die) == 0;
   while (more) {
     const int tag = dwarf_tag(&die);
     int32_t node = enclosing;
     if (tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine || tag == DW_TAG_entry_point) {
-      node = static_cast<int32_t>(unit.nodes.size());
-      Node n;
-      n.die = die;
-      n.parent = enclosing;
-      n.firstLow = 0;
-      n.hasLow = false;
-      n.inlined = tag == DW_TAG_inlined_subroutine;
       Dwarf_Addr base, start, end;
+      const size_t before = spans.size();
+      node = static_cast<int32_t>(unit.nodes.size());
       for (ptrdiff_t off = 0; (off = dwarf_ranges(&die, off, &base, &start, &end)) > 0;) {
-        if (!n.hasLow) {
-          n.firstLow = start;
-          n.hasLow = true;
-        }
         if (start < end) spans.push_back({start, end, node});
       }
-      unit.nodes.push_back(n);
+      if (spans.size() == before && !dwarf_haschildren(&die)) {
+        // No code and nothing inside that could have any (a declaration).
+        node = enclosing;
+      } else {
+        Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0};
+        const char* name = nameOf(&die);
+        if (name != nullptr) n.name = intern(name);
+        if (n.inlined) {
+          const unsigned file = udata(&die, DW_AT_call_file);
+          if (files != nullptr && file < fileCount) n.callFile = fileOf(dwarf_filesrc(files, file, nullptr, nullptr));
+          n.callLine = udata(&die, DW_AT_call_line);
+          n.callColumn = udata(&die, DW_AT_call_column);
+          n.callDiscriminator = udata(&die, kDwAtGnuDiscriminator);
+        }
+        unit.nodes.push_back(n);
+      }
     } else if (tag == DW_TAG_variable) {
       // Variables the compiler made up (__func__ and the like) have no
       // declaration and name nothing.
@@ -338,7 +506,11 @@ void ObjectInfo::indexUnit(Unit& unit) {
       size_t opCount = 0;
       if (dwarf_attr(&die, DW_AT_location, &attr) != nullptr && dwarf_getlocation(&attr, &ops, &opCount) == 0 &&
           opCount == 1 && ops[0].atom == DW_OP_addr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr) {
-        variables_.push_back({ops[0].number, variables_.size(), unitIndex, die});
+        int line = 0;
+        Variable v{ops[0].number, variables_.size(), intern(dwarf_diename(&die)),
+                   intern(inDirectory(unit.compDir, dwarf_decl_file(&die)).c_str()), 0};
+        if (dwarf_decl_line(&die, &line) == 0) v.line = static_cast<unsigned>(line);
+        variables_.push_back(v);
       }
     }
 
@@ -384,52 +556,43 @@ void ObjectInfo::indexUnit(Unit& unit) {
     const int32_t node = open.empty() ? -1 : open.top().node;
     if (unit.pieces.empty() || unit.pieces.back().node != node) unit.pieces.push_back({at, node});
   }
+
+  unitIndexed(unit);
+  return true;
 }
 
-void ObjectInfo::indexAllUnits() {
-  if (allIndexed_) return;
-  for (Unit& unit : units_) {
-    if (!unit.indexed) indexUnit(unit);
-  }
+void ObjectInfo::unitIndexed(const Unit& unit) {
+  indexBytes_ += unit.rows.capacity() * sizeof(Row) + unit.nodes.capacity() * sizeof(Node) +
+                 unit.pieces.capacity() * sizeof(Unit::Piece) + unit.files.capacity() * sizeof(void*);
+  if (++unitsIndexed_ < units_.size()) return;
+  // Everything libdw could tell is in the indexes now.
   std::sort(variables_.begin(), variables_.end(), [](const Variable& a, const Variable& b) {
     return a.addr != b.addr ? a.addr < b.addr : a.order < b.order;
   });
-  allIndexed_ = true;
+  indexBytes_ += variables_.capacity() * sizeof(Variable);
+  session_.reset();
 }
 
-const std::string& ObjectInfo::path(Unit& unit, const char* name) {
-  auto it = unit.paths.find(name);
-  if (it == unit.paths.end()) it = unit.paths.emplace(name, inDirectory(unit.compDir, name)).first;
-  return it->second;
-}
-
-ObjectInfo::Node& ObjectInfo::node(Unit& unit, int32_t index) {
-  Node& n = unit.nodes[static_cast<size_t>(index)];
-  if (!n.read) {
-    n.read = true;
-    n.name = nameOf(&n.die, unit.plainNamesComplete);
-    if (n.inlined) {
-      const unsigned file = udata(&n.die, DW_AT_call_file);
-      if (unit.files != nullptr && file < unit.fileCount) {
-        n.callFile = &path(unit, dwarf_filesrc(unit.files, file, nullptr, nullptr));
-      }
-      n.callLine = udata(&n.die, DW_AT_call_line);
-      n.callColumn = udata(&n.die, DW_AT_call_column);
-      n.callDiscriminator = udata(&n.die, kDwAtGnuDiscriminator);
-    }
+bool ObjectInfo::indexAllUnits() {
+  for (Unit& unit : units_) {
+    if (!unit.indexed && !indexUnit(unit)) return false;
   }
-  return n;
+  return true;
 }
 
-void ObjectInfo::setFunction(Frame& frame, const char* name) {
-  if (name == nullptr) name = "";
-  frame.function = name;
-  if (name[0] != '_') {
+void ObjectInfo::setFunction(Frame& frame, const std::string* name) {
+  static const std::string kNone;
+  if (name == nullptr) name = &kNone;
+  frame.function = *name;
+  if (!demangle_ || name->empty() || (*name)[0] != '_') {
     frame.demangled = frame.function;
     return;
   }
   auto it = demangled_.find(name);
-  if (it == demangled_.end()) it = demangled_.emplace(name, demangle(name)).first;
+  if (it == demangled_.end()) {
+    it = demangled_.emplace(name, demangle(name->c_str())).first;
+    indexBytes_ += it->second.capacity() + 64;
+  }
   frame.demangled = it->second;
 }
 
@@ -437,13 +600,16 @@ const CodeSymbol* ObjectInfo::symbolAt(size_t section, uint64_t offset) const {
   return section < symbols_.size() ? bestSymbol(symbols_[section], offset) : nullptr;
 }
 
-bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, size_t section, uint64_t offset, Location& loc) {
-  if (!unit.indexed) indexUnit(unit);
+bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t section, uint64_t offset,
+                                  Location& loc) {
+  if (!unit.indexed && !indexUnit(unit)) return false;
 
+  // Only a row of the section's own sequences gives a line: the row before
+  // the address must lie in the section and not end a sequence.
   const Row* row = nullptr;
   auto rowAfter =
       std::upper_bound(unit.rows.begin(), unit.rows.end(), at, [](uint64_t a, const Row& r) { return a < r.addr; });
-  if (rowAfter != unit.rows.begin() && !(rowAfter - 1)->end) row = &*(rowAfter - 1);
+  if (rowAfter != unit.rows.begin() && !(rowAfter - 1)->end && (rowAfter - 1)->addr >= low) row = &*(rowAfter - 1);
 
   int32_t node = -1;
   auto pieceAfter = std::upper_bound(unit.pieces.begin(), unit.pieces.end(), at,
@@ -451,61 +617,58 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, size_t section, uint6
   if (pieceAfter != unit.pieces.begin()) node = (pieceAfter - 1)->node;
   if (row == nullptr && node < 0) return false;
 
+  // Innermost first: the function at the address, then each inlined
+  // function's caller, standing at the call site recorded in the inlined
+  // DIE. Every frame is named by the DWARF here; the outermost one may take
+  // the symbol's name below.
+  auto fileName = [&unit](uint32_t file) { return file < unit.files.size() ? *unit.files[file] : std::string(); };
   loc.frames.reserve(4);
   Frame first;
   if (row != nullptr) {
-    if (row->file != nullptr) first.file = path(unit, row->file);
+    first.file = fileName(row->file);
     first.line = row->line;
     first.column = row->column;
     first.discriminator = row->discriminator;
   }
-  FunctionName name;
-  if (node >= 0) name = this->node(unit, node).name;
-  setFunction(first, name.name);
-  if (name.name == nullptr || !name.complete) {
-    // No function, or a name that may be only part of the symbol's (a
-    // clone's suffix): the symbol table has its say, as in binutils.
-    if (const CodeSymbol* sym = symbolAt(section, offset)) {
-      const Node* n = node >= 0 ? &unit.nodes[static_cast<size_t>(node)] : nullptr;
-      if (name.name == nullptr || (n->hasLow && at - (offset - sym->offset) == n->firstLow)) {
-        setFunction(first, sym->name);
-      }
-      if (first.file.empty() && sym->file != nullptr) first.file = sym->file;
-    }
-  }
+  setFunction(first, node >= 0 ? unit.nodes[static_cast<size_t>(node)].name : nullptr);
   loc.frames.push_back(std::move(first));
-
-  // The callers of an inlined function: each frame stands at the call site
-  // recorded in the inlined DIE, and names the DIE it is nested in.
   for (int32_t cur = node; cur >= 0;) {
-    const Node& inlined = this->node(unit, cur);
+    const Node& inlined = unit.nodes[static_cast<size_t>(cur)];
     if (!inlined.inlined || inlined.parent < 0) break;
     Frame frame;
-    setFunction(frame, this->node(unit, inlined.parent).name.name);
-    if (inlined.callFile != nullptr) frame.file = *inlined.callFile;
+    setFunction(frame, unit.nodes[static_cast<size_t>(inlined.parent)].name);
+    frame.file = fileName(inlined.callFile);
     frame.line = inlined.callLine;
     frame.column = inlined.callColumn;
     frame.discriminator = inlined.callDiscriminator;
     loc.frames.push_back(std::move(frame));
     cur = inlined.parent;
   }
+
+  // The function the code belongs to is named as a linked program's symbol
+  // table names it, clone and split-part suffixes included, where a symbol
+  // of the section covers the address; where the DWARF knows no function,
+  // by the nearest symbol before it.
+  if (const CodeSymbol* sym = symbolAt(section, offset)) {
+    Frame& outer = loc.frames.back();
+    if (sym->covers(offset) || node < 0) setFunction(outer, intern(sym->name));
+    if (row == nullptr && loc.frames.size() == 1 && sym->file != nullptr) outer.file = sym->file;
+  }
   return true;
 }
 
 bool ObjectInfo::describeVariable(uint64_t at, size_t section, uint64_t offset, Location& loc) {
-  indexAllUnits();
+  if (!indexAllUnits()) return false;
   auto after = std::upper_bound(variables_.begin(), variables_.end(), at,
                                 [](uint64_t a, const Variable& v) { return a < v.addr; });
   if (after == variables_.begin() || (after - 1)->addr != at) return false;
-  Variable& var = *(after - 1);
+  const Variable& var = *(after - 1);
   Frame frame;
   const CodeSymbol* sym = symbolAt(section, offset);
-  setFunction(frame, sym != nullptr ? sym->name : nullptr);
-  frame.file = inDirectory(units_[var.unit].compDir, dwarf_decl_file(&var.die));
-  int line = 0;
-  if (dwarf_decl_line(&var.die, &line) == 0) frame.line = static_cast<unsigned>(line);
-  const char* name = dwarf_diename(&var.die);
-  loc.variable = name != nullptr ? name : "";
+  setFunction(frame, sym != nullptr ? intern(sym->name) : nullptr);
+  frame.file = *var.file;
+  frame.line = var.line;
+  loc.variable = *var.name;
   loc.frames.push_back(std::move(frame));
   return true;
 }
@@ -514,17 +677,16 @@ void ObjectInfo::describeSymbol(size_t section, uint64_t offset, Location& loc) 
   const CodeSymbol* sym = symbolAt(section, offset);
   if (sym == nullptr) return;
   Frame frame;
-  setFunction(frame, sym->name);
+  setFunction(frame, intern(sym->name));
   if (sym->file != nullptr) frame.file = sym->file;
   loc.frames.push_back(std::move(frame));
 }
 
-void ObjectInfo::describe(uint64_t address, size_t section, uint64_t offset, Location& loc) {
-  if (dwarf_ != nullptr) {
-    // Relocated objects answer at run-time addresses (less libdwfl's bias);
-    // linked files at their own address for the section.
-    const uint64_t at =
-        type_ == ET_REL ? address - bias_ : (section < sections_.size() ? sections_[section].addr : 0) + offset;
+void ObjectInfo::describe(size_t section, uint64_t offset, Location& loc) {
+  if (dwarfUsable_ && section < base_.size() && base_[section] != kNoBase && offset < sections_[section].size) {
+    // The section's addresses in the DWARF's address space.
+    const uint64_t low = base_[section] - bias_;
+    const uint64_t at = low + offset;
     // The units holding the address, in their order in the file.
     std::vector<size_t> candidates;
     auto after = std::upper_bound(unitPieces_.begin(), unitPieces_.end(), at,
@@ -535,7 +697,7 @@ void ObjectInfo::describe(uint64_t address, size_t section, uint64_t offset, Loc
     std::sort(candidates.begin(), candidates.end());
     candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     for (size_t unit : candidates) {
-      if (describeFromUnit(units_[unit], at, section, offset, loc)) return;
+      if (describeFromUnit(units_[unit], at, low, section, offset, loc)) return;
     }
     if (describeVariable(at, section, offset, loc)) return;
   }

@@ -1,12 +1,13 @@
 // The Symbolizer: the address map of a list, and the entries' debug
-// information loaded on demand into a bounded cache.
+// information loaded on demand into a cache bounded in bytes.
 #include <algorithm>
 #include <list>
 #include <memory>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "address_map.h"
-#include "elf_reader.h"
 #include "file/format.h"
 #include "kelo/symbolize.hpp"
 #include "object_info.h"
@@ -15,59 +16,58 @@ namespace kelo_symbolize {
 
 using internal::AddressMap;
 using internal::ObjectInfo;
-using internal::SectionPlace;
 
 struct Symbolizer::Impl {
   struct Entry {
     const kelo_debuginfo::RelocELF* stored = nullptr;
     DebugInfoID id;
-    std::vector<SectionPlace> places;  // the placed allocated sections
-    uint64_t low = 0, high = 0;        // their span
     std::unique_ptr<ObjectInfo> info;  // while cached
+    size_t cost = 0;                   // what info took when last counted
+    bool reported = false;             // its problem was told
     std::list<size_t>::iterator useSlot;
   };
 
+  Options options;
   std::vector<Entry> entries;
   AddressMap map;
-  size_t capacity = 1;
   std::list<size_t> recentUse;  // entries with loaded info, most recent first
+  size_t loadedBytes = 0;
   unsigned addressBits = 64;
 
   void addEntry(const DebugInfoID& id, const kelo_debuginfo::RelocELF& stored, bool& any64, bool& any32) {
-    kelo_elf::ELFBytes bytes = internal::copyOf(stored.elf);
-    internal::ElfPtr elf = internal::openMemory(bytes);
-    internal::ElfHeaderFacts facts;
-    if (!elf || !internal::readHeader(elf.get(), facts)) return;
-    (facts.elfClass == ELFCLASS64 ? any64 : any32) = true;
-    const std::vector<internal::SectionHeader> sections = internal::readSections(elf.get());
-
+    const kelo_elf::ELF& image = stored.elf;
+    if (image.size() == 0) return;
+    (image.is64() ? any64 : any32) = true;
+    const size_t index = entries.size();
     Entry entry;
     entry.stored = &stored;
     entry.id = id;
-    const size_t index = entries.size();
-    // A recorded name places the first allocated section of that name.
+    entries.push_back(std::move(entry));
+    if (stored.sectionAddrs.empty()) return;
+
+    // A recorded name places the first allocated section of that name; the
+    // names are looked up in an index of the image's sections.
+    const std::vector<kelo_elf::SectionHeader> sections = image.sectionHeaders();
+    std::unordered_map<std::string_view, size_t> firstAllocated;
+    firstAllocated.reserve(sections.size());
+    for (size_t i = 1; i < sections.size(); ++i) {
+      if (sections[i].flags & SHF_ALLOC) firstAllocated.emplace(sections[i].name, i);
+    }
     for (const auto& recorded : stored.sectionAddrs) {
       // .constant and .local name no section of the image.
       if (kelo_debuginfo::format::isAlwaysAcceptedSection(recorded.first)) continue;
-      for (size_t i = 1; i < sections.size(); ++i) {
-        const internal::SectionHeader& s = sections[i];
-        if (s.name != recorded.first || (s.flags & SHF_ALLOC) == 0) continue;
-        const uint64_t start = recorded.second;
-        entry.places.push_back({i, start});
-        if (s.size != 0) {
-          Range range;
-          range.id = id;
-          range.section = s.name;
-          range.start = start;
-          range.end = start + s.size;
-          map.add(std::move(range), {index, i});
-          entry.low = entry.high == 0 ? start : std::min(entry.low, start);
-          entry.high = std::max(entry.high, start + s.size);
-        }
-        break;
-      }
+      auto found = firstAllocated.find(recorded.first);
+      if (found == firstAllocated.end()) continue;
+      const kelo_elf::SectionHeader& s = sections[found->second];
+      if (s.size == 0) continue;
+      Range range;
+      range.id = id;
+      range.section = s.name;
+      range.start = recorded.second;
+      // A size from a damaged header may reach past the address space.
+      range.end = recorded.second + std::min<uint64_t>(s.size, UINT64_MAX - recorded.second);
+      map.add(std::move(range), {index, found->second});
     }
-    entries.push_back(std::move(entry));
   }
 
   ObjectInfo& load(size_t index) {
@@ -76,21 +76,47 @@ struct Symbolizer::Impl {
       recentUse.splice(recentUse.begin(), recentUse, entry.useSlot);
       return *entry.info;
     }
-    if (recentUse.size() >= capacity) {
-      entries[recentUse.back()].info.reset();
-      recentUse.pop_back();
-    }
-    entry.info = std::make_unique<ObjectInfo>(entry.stored->elf, entry.places, entry.low, entry.high);
+    entry.info = std::make_unique<ObjectInfo>(entry.stored->elf, options.demangle);
     recentUse.push_front(index);
     entry.useSlot = recentUse.begin();
+    if (!entry.reported && !entry.info->problem().empty() && options.report) {
+      entry.reported = true;
+      options.report(entry.id, entry.info->problem());
+    }
     return *entry.info;
+  }
+
+  // Counts what the entry holds now and, while the cache holds more than
+  // its bound, closes the libdw sessions of the least recently used other
+  // entries (their indexes stay), then drops those entries whole.
+  void account(size_t index) {
+    recount(index);
+    for (auto it = recentUse.rbegin(); loadedBytes > options.cacheBytes && it != recentUse.rend(); ++it) {
+      if (*it == index || !entries[*it].info->hasSession()) continue;
+      entries[*it].info->closeSession();
+      recount(*it);
+    }
+    while (loadedBytes > options.cacheBytes && recentUse.back() != index) {
+      Entry& old = entries[recentUse.back()];
+      loadedBytes -= old.cost;
+      old.cost = 0;
+      old.info.reset();
+      recentUse.pop_back();
+    }
+  }
+
+  void recount(size_t index) {
+    Entry& entry = entries[index];
+    const size_t cost = entry.info->bytes();
+    loadedBytes = loadedBytes - entry.cost + cost;
+    entry.cost = cost;
   }
 };
 
 Symbolizer::Symbolizer(const kelo_debuginfo::DebugInfoList& list, const Options& options)
     : impl_(std::make_unique<Impl>()) {
   elf_version(EV_CURRENT);
-  impl_->capacity = std::max<size_t>(options.cachedEntries, 1);
+  impl_->options = options;
   impl_->entries.reserve(list.entries.size());
   bool any64 = false, any32 = false;
   for (const auto& entry : list.entries) impl_->addEntry(entry.first, entry.second, any64, any32);
@@ -118,12 +144,15 @@ absl::optional<Location> Symbolizer::resolve(uint64_t address) {
   loc.id = range.id;
   loc.section = range.section;
   loc.offset = address - range.start;
-  impl_->load(where.entry).describe(address, where.section, loc.offset, loc);
+  impl_->load(where.entry).describe(where.section, loc.offset, loc);
+  impl_->account(where.entry);
   return loc;
 }
 
 unsigned Symbolizer::addressBits() const noexcept { return impl_->addressBits; }
 
 size_t Symbolizer::loadedEntries() const noexcept { return impl_->recentUse.size(); }
+
+size_t Symbolizer::loadedBytes() const noexcept { return impl_->loadedBytes; }
 
 }  // namespace kelo_symbolize

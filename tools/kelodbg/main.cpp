@@ -234,6 +234,10 @@ class Cli {
     sub->add_flag("-p,--pretty-print", a2l_.pretty, "One line for each address");
     sub->add_flag("-s,--basenames", a2l_.basenames, "File names without their folders");
     sub->add_flag("-C,--demangle", a2l_.demangle, "Demangle C++ names");
+    sub->add_option("--cache-size", a2l_.cacheBytes,
+                    "Bytes of decoded debug information kept at once (suffixes K, M, G); default 1G")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false));
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);

@@ -73,7 +73,13 @@ void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char*
 
 int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineOptions& options,
                      const std::vector<std::string>& addresses, std::FILE* in, std::FILE* out) {
-  Symbolizer symbolizer(list);
+  kelo_symbolize::Options symbolizerOptions;
+  symbolizerOptions.cacheBytes = options.cacheBytes;
+  symbolizerOptions.demangle = options.demangle;
+  symbolizerOptions.report = [](const kelo_elf::DebugInfoID& id, const std::string& why) {
+    complain(fmt::format("kelodbg: entry {}: warning: {}\n", idText(id), why));
+  };
+  Symbolizer symbolizer(list, symbolizerOptions);
   if (!addresses.empty()) {
     for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), false, out);
     return 0;
@@ -91,8 +97,12 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
 }
 
 int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, bool json) {
-  const Symbolizer symbolizer(list);
+  kelo_symbolize::Options options;
+  options.demangle = false;
+  const Symbolizer symbolizer(list, options);
   const std::vector<kelo_symbolize::Range>& ranges = symbolizer.ranges();
+  // Each range lists only the first few ranges it overlaps, and how many
+  // there are in all, so that the output grows with the ranges alone.
   if (json) {
     Json doc = Json::array();
     for (const kelo_symbolize::Range& r : ranges) {
@@ -107,6 +117,7 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
                    .set("section", r.section)
                    .set("start", r.start)
                    .set("end", r.end)
+                   .set("overlapCount", static_cast<uint64_t>(r.overlapCount))
                    .set("overlaps", std::move(overlaps)));
     }
     print(Json::object().set("file", name).set("ranges", std::move(doc)).dump());
@@ -122,6 +133,7 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
       overlaps +=
           fmt::format("{}{} {}", overlaps.empty() ? "" : ", ", idText(ranges[k].id), printable(ranges[k].section));
     }
+    if (r.overlapCount > r.overlaps.size()) overlaps += fmt::format(" and {} more", r.overlapCount - r.overlaps.size());
     print(fmt::format("0x{:08x}  0x{:08x}  {}  {:<{}}  {}\n", r.start, r.end, idText(r.id), printable(r.section), width,
                       overlaps.empty() ? "-" : overlaps));
   }

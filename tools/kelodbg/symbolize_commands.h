@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kelo/DebugInfoList.h"
+#include "kelo/symbolize.hpp"
 
 namespace kelodbg {
 
@@ -21,6 +22,8 @@ struct Addr2lineOptions {
   bool pretty = false;     // -p: one line per address
   bool basenames = false;  // -s: file names without directories
   bool demangle = false;   // -C: demangle C++ names
+  // --cache-size: bytes of decoded debug information kept at once.
+  size_t cacheBytes = kelo_symbolize::Options().cacheBytes;
 };
 
 // Prints to `out` what binutils addr2line prints with the same options for
@@ -32,8 +35,9 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
                      const std::vector<std::string>& addresses, std::FILE* in, std::FILE* out);
 
 // Prints the address map of the list read from `name`, sorted by address:
-// for each placed section its start, end, entry, name and the ranges it
-// overlaps; as a table, or as one JSON document. Returns the exit code (0).
+// for each placed section its start, end, entry, name, how many ranges it
+// overlaps and the first of them; as a table, or as one JSON document.
+// Returns the exit code (0).
 int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, bool json);
 
 }  // namespace kelodbg

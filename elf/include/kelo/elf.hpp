@@ -101,6 +101,21 @@ struct ELFBytes {
   }
 };
 
+// One section header of an image, as the file has it (sizes and addresses
+// widened to 64 bits).
+struct SectionHeader {
+  std::string name;
+  uint32_t type = 0;
+  uint64_t flags = 0;
+  uint64_t addr = 0;
+  uint64_t offset = 0;
+  uint64_t size = 0;
+  uint32_t link = 0;
+  uint32_t info = 0;
+  uint64_t addralign = 0;
+  uint64_t entsize = 0;
+};
+
 // One ELF image. A default-constructed or moved-from image is empty: a
 // placeholder that has no sections and no bytes, and is not an ELF file.
 class KELO_EXPORT ELF {
@@ -142,6 +157,16 @@ class KELO_EXPORT ELF {
   // section at index 0 is left out. Empty for an empty image.
   std::vector<std::string> sectionNames() const;
 
+  // Every section header in section-header order, the null section at
+  // index 0 included, so that a position is the section's index. Names come
+  // from the checked name table; a section's contents lie inside the bytes
+  // unless it is SHT_NOBITS or SHT_NULL. Empty for an empty image.
+  std::vector<SectionHeader> sectionHeaders() const;
+  // True for ELF64 (ELFCLASS64), false for ELF32 and for an empty image.
+  bool is64() const noexcept;
+  // The file's type (e_type: ET_REL, ET_EXEC, ET_DYN, ...); 0 for an empty
+  // image.
+  uint16_t fileType() const noexcept;
   // The number of bytes the image holds (0 for an empty image).
   uint32_t size() const noexcept;
 

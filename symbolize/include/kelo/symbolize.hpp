@@ -6,9 +6,24 @@
 // it, builds a sorted address map of those ranges, and answers, for an
 // address, which entry and section hold it and which functions (inline
 // frames first) and source lines it belongs to. Each entry's DWARF is read
-// the first time one of its addresses is asked for, relocated as if the
-// sections had been loaded at their recorded addresses, and kept in a
-// bounded cache; entries that are never hit cost only their address ranges.
+// the first time one of its addresses is asked for and kept in a cache
+// bounded in bytes; entries that are never hit cost only their address
+// ranges.
+//
+// Names: the outermost frame (the function the code belongs to) is named by
+// the entry's ELF symbol that covers the address, as a linked program's
+// symbol table would name it (clones and split parts such as ".cold" or
+// ".isra.0" included); without one, by the DWARF. Inlined frames are named
+// by the DWARF: the linkage name, reached through DW_AT_abstract_origin and
+// DW_AT_specification, else the plain name. Lines come only from the line
+// table rows of the section that holds the address.
+//
+// Limits (hostile or damaged stores): compressed debug sections are
+// inflated only up to kInflateFactor times the image's size in all (an
+// entry over it answers from its symbols alone, and Options::report hears
+// of it); a demangled name longer than kMaxDemangledName bytes, or a mangled
+// one longer than kMaxMangledName, stays mangled; a range lists at most
+// kListedOverlaps of the ranges it overlaps.
 //
 // Lifetime: a Symbolizer borrows its list. It must not outlive the list, and
 // any change to the list (adding, removing, renumbering or merging entries,
@@ -23,6 +38,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,20 +60,29 @@ struct Range {
   std::string section;
   uint64_t start = 0;
   uint64_t end = 0;
-  // Positions in Symbolizer::ranges() of the other ranges that share at
-  // least one address with this one, ascending. Overlaps are reported, not
-  // resolved: see Symbolizer::rangeAt().
+  // How many other ranges share at least one address with this one, and
+  // the positions in Symbolizer::ranges() of the first of them (at most
+  // kListedOverlaps), ascending. Overlaps are reported, not resolved: see
+  // Symbolizer::rangeAt().
+  size_t overlapCount = 0;
   std::vector<size_t> overlaps;
 };
 
+constexpr size_t kListedOverlaps = 8;
+constexpr size_t kInflateFactor = 64;
+constexpr size_t kMaxMangledName = 16 * 1024;
+constexpr size_t kMaxDemangledName = 64 * 1024;
+
 // One frame of the answer for an address.
 struct Frame {
-  // The function's name as the debug information records it: the linkage
-  // (mangled) name where there is one, else the plain name. Where the debug
-  // information knows no function, the nearest preceding code symbol of the
-  // section, if any. Empty when nothing names it.
+  // The function's name (mangled for C++): for the outermost frame the
+  // entry's symbol covering the address, or the DWARF's name where no symbol
+  // covers it; where the debug information knows no function, the nearest
+  // preceding code symbol of the section. Inlined frames: the DWARF's
+  // linkage name, else its plain name. Empty when nothing names it.
   std::string function;
-  // `function` demangled when it is a mangled C++ name, else equal to it.
+  // `function` demangled when it is a mangled C++ name and Options::demangle
+  // asks for it (within kMaxDemangledName), else equal to it.
   std::string demangled;
   // The source file, absolute when the compilation directory is recorded;
   // empty when unknown.
@@ -87,9 +112,18 @@ struct Location {
 };
 
 struct Options {
-  // How many entries' DWARF state is kept at once; the least recently used
-  // is dropped first. At least 1.
-  size_t cachedEntries = 64;
+  // About how many bytes the entries' loaded debug information may take at
+  // once (a private copy of each image, inflated sections, and the indexes
+  // of the units used); the least recently used entries are dropped first.
+  // The entry that answers last stays, whatever its size.
+  size_t cacheBytes = size_t{1} << 30;
+  // Whether Frame::demangled is filled; without it names are never
+  // demangled.
+  bool demangle = true;
+  // Told, once per entry, why an entry's debug information was refused
+  // (e.g. compressed sections that would inflate past the limit). May be
+  // empty.
+  std::function<void(const DebugInfoID& id, const std::string& why)> report;
 };
 
 class KELO_EXPORT Symbolizer {
@@ -122,9 +156,10 @@ class KELO_EXPORT Symbolizer {
   // width of the addresses of a program linked from the entries.
   unsigned addressBits() const noexcept;
 
-  // How many entries' DWARF state is held now (at most
-  // Options::cachedEntries).
+  // How many entries' debug information is held now, and about how many
+  // bytes it takes (see Options::cacheBytes).
   size_t loadedEntries() const noexcept;
+  size_t loadedBytes() const noexcept;
 
  private:
   struct Impl;
