@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
+  time zlib1g-dev
   libclang-rt-14-dev g++-multilib qemu-user
   libabsl-dev:i386 libgtest-dev:i386 libelf1:i386 libfmt-dev:i386
 )

@@ -103,14 +103,14 @@ stage_fuzz() {
   local t work log failed=0
   rm -f "$build-fuzz"/crash-*
   log=$(mktemp)
-  for t in elf_differential read_file list_model; do
+  for t in elf_differential read_file list_model symbolize; do
     work=$(mktemp -d)
     if ! "$build-fuzz/fuzz/fuzz_$t" -max_total_time="${FUZZ_SECONDS:-20}" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build-fuzz/crash-$t-" "$work" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
       tail -n 60 "$log"
       failed=1
     fi
-    printf 'fuzz_%-10s %s\n' "$t" "$(grep -E '^stat::number_of_executed_units' "$log" || echo 'no statistics')"
+    printf 'fuzz_%-16s %s\n' "$t" "$(grep -E '^stat::number_of_executed_units' "$log" || echo 'no statistics')"
     rm -rf "$work"
   done
   rm -f "$log"
