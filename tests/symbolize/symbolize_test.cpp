@@ -1,9 +1,14 @@
 // The symbolization library on the example objects: the address map with
 // its overlaps, answers from relocated DWARF (ELF64 with RELA, ELF32 with
-// REL), variables, lazy loading with a bounded cache, and the C interface.
-// Agreement with binutils on a real linked program is compare_addr2line.sh's.
+// REL), answers that depend only on the section holding the address, linked
+// files at their own addresses, variables, lazy loading with a cache bounded
+// in bytes, the limits on hostile stores, and the C interface. Agreement
+// with binutils and LLVM on real programs is the comparison scripts'.
+#include <gelf.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -89,6 +94,139 @@ TEST(AddressMap, PlacesAllocatedSectionsSortedAndReportsOverlaps) {
   EXPECT_EQ(symbolizer.addressBits(), 64u);
 }
 
+TEST(AddressMap, EqualStartsAnswerFromTheFirstAndOverlapsAreCountedNotAllListed) {
+  DebugInfoList list;
+  // util.o: .kelo.overlay (0x10 bytes) sorts before .text (0x13) at one start.
+  list.add(kMain, example("util.o"));
+  list.setSectionAddr(kMain, ".text", 0x1000);
+  list.setSectionAddr(kMain, ".kelo.overlay", 0x1000);
+  for (uint16_t i = 10; i < 30; ++i) {
+    list.add(DebugInfoID(1, i, 0), example("util.o"));
+    list.setSectionAddr(DebugInfoID(1, i, 0), ".text", 0x8000);
+  }
+  Symbolizer symbolizer(list);
+  EXPECT_EQ(symbolizer.rangeAt(0x1000)->section, ".kelo.overlay");
+  EXPECT_EQ(symbolizer.rangeAt(0x100f)->section, ".kelo.overlay");
+  EXPECT_EQ(symbolizer.rangeAt(0x1010)->section, ".text");
+  EXPECT_EQ(symbolizer.resolve(0x1000)->section, ".kelo.overlay");
+
+  const std::vector<Range>& ranges = symbolizer.ranges();
+  ASSERT_EQ(ranges.size(), 22u);
+  EXPECT_EQ(ranges[0].overlapCount, 1u);
+  EXPECT_EQ(ranges[0].overlaps, std::vector<size_t>{1});
+  EXPECT_EQ(symbolizer.rangeAt(0x8000), &ranges[2]);
+  for (size_t i = 2; i < ranges.size(); ++i) {
+    EXPECT_EQ(ranges[i].overlapCount, 19u);
+    // The first few others, in order.
+    std::vector<size_t> first;
+    for (size_t j = 2; first.size() < kelo_symbolize::kListedOverlaps; ++j) {
+      if (j != i) first.push_back(j);
+    }
+    EXPECT_EQ(ranges[i].overlaps, first) << i;
+  }
+}
+
+// Every frame of an answer, as one text to compare.
+std::string answerText(const absl::optional<Location>& loc) {
+  if (!loc) return "none";
+  std::string text = loc->section + "+" + std::to_string(loc->offset) + ":";
+  for (const kelo_symbolize::Frame& f : loc->frames) {
+    text += " " + f.function + "@" + f.file + ":" + std::to_string(f.line) + ":" + std::to_string(f.column) + "/" +
+            std::to_string(f.discriminator);
+  }
+  return text;
+}
+
+kelo_elf::ELF loadBuilt(const std::string& name) {
+  absl::optional<kelo_elf::ELF> elf =
+      kelo_elf::ELF::load(kelo_test::readFile(std::string(KELO_SYMBOLIZE_TEST_DIR) + "/" + name));
+  if (!elf) throw std::runtime_error("cannot load " + name);
+  return std::move(*elf);
+}
+
+TEST(Resolve, AnswersDependOnlyOnTheSectionHoldingTheAddress) {
+  // calc.c with a section per function. Each section answers for its bytes
+  // the same whether it is placed alone (at a low address, where a sloppy
+  // relocation would put the unplaced others), with every other section
+  // apart, or with them all over each other: no line or function comes from
+  // another section's rows or ranges.
+  const kelo_elf::ELF image = loadBuilt("calc_sections.o");
+  std::vector<std::pair<std::string, uint64_t>> code;
+  for (const kelo_elf::SectionHeader& s : image.sectionHeaders()) {
+    if (s.name.compare(0, 6, ".text.") == 0 && s.size != 0) code.emplace_back(s.name, s.size);
+  }
+  ASSERT_GE(code.size(), 3u);
+
+  std::map<std::pair<std::string, uint64_t>, std::string> alone;
+  for (const auto& section : code) {
+    DebugInfoList list;
+    list.add(kMain, loadBuilt("calc_sections.o"));
+    list.setSectionAddr(kMain, section.first, 0x40);
+    Symbolizer symbolizer(list);
+    for (uint64_t offset = 0; offset < section.second; ++offset) {
+      const absl::optional<Location> loc = symbolizer.resolve(0x40 + offset);
+      alone[{section.first, offset}] = answerText(loc);
+    }
+  }
+  // Some bytes have lines, some (the start of a cold part) may have none.
+  EXPECT_NE(alone.begin()->second.find(".c:"), std::string::npos) << alone.begin()->second;
+
+  for (uint32_t step : {0x1000u, 0x10u, 0u}) {
+    DebugInfoList list;
+    list.add(kMain, loadBuilt("calc_sections.o"));
+    for (size_t i = 0; i < code.size(); ++i) {
+      list.setSectionAddr(kMain, code[i].first, 0x200000 + step * static_cast<uint32_t>(i));
+    }
+    Symbolizer symbolizer(list);
+    const uint64_t end = 0x200000 + step * code.size() + 0x1000;
+    for (uint64_t address = 0x200000; address < end; ++address) {
+      const absl::optional<Location> loc = symbolizer.resolve(address);
+      if (!loc) continue;
+      EXPECT_EQ(answerText(loc), alone.at({loc->section, loc->offset})) << "step " << step;
+    }
+  }
+}
+
+TEST(Resolve, LinkedFilesAreReadAtTheirOwnAddresses) {
+  // A shared object stored whole, its .text recorded far from where the
+  // file puts it: the DWARF is read at the file's addresses, shifted.
+  const kelo_elf::ELF image = loadBuilt("libcalc.so");
+  uint64_t textAddr = 0;
+  for (const kelo_elf::SectionHeader& s : image.sectionHeaders()) {
+    if (s.name == ".text") textAddr = s.addr;
+  }
+  // crunch's value, from the symbol table.
+  elf_version(EV_CURRENT);
+  std::vector<unsigned char> bytes(image.bytes().begin(), image.bytes().end());
+  Elf* elf = elf_memory(reinterpret_cast<char*>(bytes.data()), bytes.size());
+  ASSERT_NE(elf, nullptr);
+  uint64_t crunch = 0;
+  for (Elf_Scn* scn = elf_nextscn(elf, nullptr); scn != nullptr; scn = elf_nextscn(elf, scn)) {
+    GElf_Shdr shdr;
+    if (gelf_getshdr(scn, &shdr) == nullptr || shdr.sh_type != SHT_SYMTAB) continue;
+    Elf_Data* data = elf_getdata(scn, nullptr);
+    for (size_t i = 0; data != nullptr && i < shdr.sh_size / shdr.sh_entsize; ++i) {
+      GElf_Sym sym;
+      const char* name = gelf_getsym(data, static_cast<int>(i), &sym) ? elf_strptr(elf, shdr.sh_link, sym.st_name) : nullptr;
+      if (name != nullptr && std::string(name) == "crunch") crunch = sym.st_value;
+    }
+  }
+  elf_end(elf);
+  ASSERT_NE(crunch, 0u);
+  ASSERT_GT(crunch, textAddr);
+
+  DebugInfoList list;
+  list.add(kMain, loadBuilt("libcalc.so"));
+  list.setSectionAddr(kMain, ".text", 0x40000000);
+  Symbolizer symbolizer(list);
+  const absl::optional<Location> loc = symbolizer.resolve(0x40000000 + (crunch - textAddr) + 1);
+  ASSERT_TRUE(loc);
+  ASSERT_FALSE(loc->frames.empty());
+  EXPECT_EQ(loc->frames.back().function, "crunch");
+  EXPECT_TRUE(endsWith(loc->frames.back().file, "/data/calc.c")) << loc->frames.back().file;
+  EXPECT_GT(loc->frames.back().line, 0u);
+}
+
 TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   const DebugInfoList list = exampleList();
   Symbolizer symbolizer(list);
@@ -156,7 +294,7 @@ TEST(Resolve, LoadsOnlyTheEntriesHitAndKeepsABoundedCache) {
   Symbolizer symbolizer(list, options);
   EXPECT_EQ(symbolizer.ranges().size(), 1000u);
   EXPECT_EQ(symbolizer.loadedEntries(), 0u);
-  for (uint16_t i : {7, 7, 500, 999, 3, 250, 7}) {
+  for (uint16_t i : {7, 7, 500, 999, 3, 250, 7, 500}) {
     absl::optional<Location> loc = symbolizer.resolve(0x100000 + 0x100u * i + 2);
     ASSERT_TRUE(loc);
     EXPECT_EQ(loc->id, DebugInfoID(1, i, 0));
@@ -212,6 +350,88 @@ TEST(CInterface, ResolvesThroughHandlesAndResultsOutliveTheSymbolizer) {
   EXPECT_FALSE(keloSymResultFrame(result, 1, &frame));
   keloSymResultFree(result);
   keloDbgFree(handle);
+}
+
+}  // namespace
+
+namespace {
+
+DebugInfoList readCorpus(const std::string& name) {
+  keloDbgList handle = keloDbgRead((std::string(KELO_FUZZ_CORPUS_DIR) + "/" + name).c_str());
+  if (handle == nullptr) throw std::runtime_error("cannot read " + name);
+  DebugInfoList list = std::move(*reinterpret_cast<DebugInfoList*>(handle));
+  keloDbgFree(handle);
+  return list;
+}
+
+TEST(HostileStores, CompressedSectionsPastTheLimitAreRefusedAndReported) {
+  // .debug_str inflates to 8 MiB, far more than the limit for an 11 KB
+  // image: refused before anything is inflated, once, with the reason; the
+  // symbols still answer.
+  const DebugInfoList list = readCorpus("hostile_zlib_bomb.kdbg");
+  std::vector<std::string> reports;
+  kelo_symbolize::Options options;
+  options.report = [&reports](const DebugInfoID& id, const std::string& why) {
+    reports.push_back(std::to_string(id.number()) + ": " + why);
+  };
+  Symbolizer symbolizer(list, options);
+  ASSERT_FALSE(symbolizer.ranges().empty());
+  for (int round = 0; round < 2; ++round) {
+    const absl::optional<Location> loc = symbolizer.resolve(symbolizer.ranges()[0].start);
+    ASSERT_TRUE(loc);
+    ASSERT_EQ(loc->frames.size(), 1u);
+    EXPECT_FALSE(loc->frames[0].function.empty());
+    EXPECT_EQ(loc->frames[0].line, 0u);
+  }
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("inflate"), std::string::npos) << reports[0];
+  EXPECT_LT(symbolizer.loadedBytes(), 1u << 20);
+}
+
+TEST(HostileStores, StringsStopAtTheirSectionsEnd) {
+  // The unit's file name is the last string of .debug_line_str, without its
+  // NUL: it ends where the section does (libdw reads it whole otherwise).
+  const DebugInfoList list = readCorpus("hostile_line_str_tail.kdbg");
+  Symbolizer symbolizer(list);
+  const absl::optional<Location> loc = symbolizer.resolve(symbolizer.ranges().at(0).start);
+  ASSERT_TRUE(loc);
+  ASSERT_FALSE(loc->frames.empty());
+  EXPECT_EQ(loc->frames[0].file, "/src/tail_line.");
+}
+
+TEST(HostileStores, NamesAreDemangledOnlyWhenAskedAndWithinTheBound) {
+  // A 1 KB name that would demangle to hundreds of megabytes stays mangled.
+  {
+    const DebugInfoList list = readCorpus("hostile_deep_mangled.kdbg");
+    Symbolizer symbolizer(list);
+    const absl::optional<Location> loc = symbolizer.resolve(symbolizer.ranges().at(0).start);
+    ASSERT_TRUE(loc && !loc->frames.empty());
+    EXPECT_EQ(loc->frames[0].function.compare(0, 2, "_Z"), 0);
+    EXPECT_EQ(loc->frames[0].demangled, loc->frames[0].function);
+  }
+  // An ordinary C++ object: demangled when asked, left alone when not.
+  const DebugInfoList list = readCorpus("cpp_gcc_dwarf5.kdbg");
+  for (bool demangle : {true, false}) {
+    kelo_symbolize::Options options;
+    options.demangle = demangle;
+    Symbolizer symbolizer(list, options);
+    size_t mangled = 0, demangled = 0;
+    for (const Range& r : symbolizer.ranges()) {
+      for (uint64_t a = r.start; a < r.end; a += 4) {
+        const absl::optional<Location> loc = symbolizer.resolve(a);
+        for (const kelo_symbolize::Frame& f : loc->frames) {
+          if (f.function.compare(0, 2, "_Z") != 0) continue;
+          ++mangled;
+          if (f.demangled != f.function) ++demangled;
+          if (demangle) {
+            EXPECT_EQ(f.demangled.find("_Z"), std::string::npos) << f.demangled;
+          }
+        }
+      }
+    }
+    EXPECT_GT(mangled, 0u);
+    EXPECT_EQ(demangled, demangle ? mangled : 0u);
+  }
 }
 
 }  // namespace
