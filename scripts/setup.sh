@@ -11,6 +11,9 @@ packages=(
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
   time zlib1g-dev
+  # llvm-addr2line, and the GoogleTest sources built as the C++ program
+  # that the symbolization comparison and benchmark ask about.
+  llvm googletest
   libclang-rt-14-dev g++-multilib qemu-user
   libabsl-dev:i386 libgtest-dev:i386 libelf1:i386 libfmt-dev:i386
 )

@@ -129,11 +129,14 @@ diff <(addr2line -f -e prog "${some[@]}" | paste -d' ' - -) <("$c_example" prog.
 
 # Through a pipe, each answer comes before the next address is written.
 coproc server { "$kelodbg" addr2line -f prog.kdbg; }
+# bash unsets server_PID once the coprocess has exited, which may be before
+# the wait below; keep the number.
+server_pid=$server_PID
 echo "${some[0]}" >&"${server[1]}"
 answer=
 read -r -t 10 function <&"${server[0]}" && read -r -t 10 place <&"${server[0]}" && answer="$function $place"
 exec {server[1]}>&-
-wait "$server_PID" || true
+wait "$server_pid" || true
 [[ $answer == "$(addr2line -f -e prog "${some[0]}" | paste -d' ' - -)" ]] ||
   { echo "FAIL: no answer through a pipe before the input ends ('$answer')"; status=1; }
 
