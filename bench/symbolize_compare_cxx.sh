@@ -38,7 +38,9 @@
 #   - an unknown line: GNU prints "??:?" or "FILE:?", LLVM "??:0" / "FILE:0";
 #     "?" is read as 0;
 #   - demangled clones: GNU prints "f() [clone .isra.0] [clone .cold]", LLVM
-#     "f() (.isra.0.cold)"; read as LLVM prints them.
+#     "f() (.isra.0.cold)"; read as LLVM prints them;
+#   - with -C, LLVM's names are demangled by c++filt (binutils' demangler)
+#     rather than by LLVM's own, which writes some names its own way.
 # Nothing else: function names (mangled or demangled), file names and line
 # numbers are compared as printed.
 set -euo pipefail
@@ -156,8 +158,15 @@ for cxx in $compilers; do
   for flags in "-f -i" "-f -i -C"; do
     # shellcheck disable=SC2086
     addr2line -a $flags -e "$prog" <"$work/addresses.txt" >"$work/gnu.out"
-    # shellcheck disable=SC2086
-    llvm-addr2line -a $flags -e "$prog" <"$work/addresses.txt" >"$work/llvm.out"
+    # LLVM's own demangler writes some names its own way ("operator<<<",
+    # "'lambda'()"): with -C, the names LLVM chose are demangled by binutils'
+    # c++filt instead, so that the names are compared, not the demanglers.
+    if [[ $flags == *-C* ]]; then
+      llvm-addr2line -a -f -i -e "$prog" <"$work/addresses.txt" | c++filt --no-verbose >"$work/llvm.out"
+    else
+      # shellcheck disable=SC2086
+      llvm-addr2line -a $flags -e "$prog" <"$work/addresses.txt" >"$work/llvm.out"
+    fi
     # shellcheck disable=SC2086
     "$kelodbg" addr2line -a $flags "$work/prog.kdbg" <"$work/addresses.txt" >"$work/ours.out"
     for t in gnu llvm ours; do
@@ -181,10 +190,40 @@ for cxx in $compilers; do
         "$work/fresh.txt" "$work/gnu.txt" >"$work/gnu2.txt"
       mv "$work/gnu2.txt" "$work/gnu.txt"
     fi
+    # Symbols at one address (constructor and destructor variants, functions
+    # GCC folded together): which of them a reference names depends on the
+    # order of the linked program's symbol table, which the stored objects
+    # do not have. An outermost name that is an alias of a reference's, the
+    # rest of the chain being that reference's, sides with it.
+    if [[ $flags == *-C* ]]; then nmflags=-C; else nmflags=; fi
+    # shellcheck disable=SC2086
+    nm $nmflags "$prog" | awk '$2 ~ /^[tTwW]$/ { a = $1; $1 = ""; $2 = ""; sub(/^  /, "")
+        clones = ""
+        while (match($0, / \[clone \.[^]]*\]/)) {
+          clones = clones substr($0, RSTART + 8, RLENGTH - 9)
+          $0 = substr($0, 1, RSTART - 1) substr($0, RSTART + RLENGTH)
+        }
+        if (clones != "") $0 = $0 " (" clones ")"
+        print $0 "\t" a }' >"$work/aliases.txt"
     paste "$work/gnu.txt" "$work/llvm.txt" "$work/ours.txt" |
-      awk -F'\t' -v label="$(basename "$cxx") $flags" -v show="$show" \
+      awk -F'\t' -v label="$(basename "$cxx") $flags" -v show="$show" -v aliasfile="$work/aliases.txt" \
         -v summary="$summary" -v examples="$examples" -v failed="$failed" '
+        BEGIN {
+          while ((getline line < aliasfile) > 0) {
+            split(line, f, "\t"); named[f[1], f[2]] = 1; at[f[1]] = at[f[1]] " " f[2]
+          }
+        }
         function chain(s) { gsub(/\037/, " | ", s); return s }
+        # Whether chain o is chain r with its outermost name an alias.
+        function aliased(o, r,   no, nr, x, y, i, n, places, same) {
+          no = split(o, x, "\037"); nr = split(r, y, "\037")
+          if (no != nr || !(x[no] in at)) return 0
+          for (i = 1; i < no; i++) if (x[i] != y[i]) return 0
+          # (Local names repeat: any address where both are defined.)
+          n = split(at[x[no]], places, " ")
+          for (i = 1; i <= n; i++) if ((y[nr], places[i]) in named) return 1
+          return 0
+        }
         # classify KIND GNU LLVM OURS ADDRESS
         function classify(kind, g, l, o, a) {
           if (g == l) {
@@ -196,6 +235,7 @@ for cxx in $compilers; do
           } else {
             split_[kind]++
             if (o == g || o == l) { side[kind]++; return }
+            if (kind == "names" && (aliased(o, g) || aliased(o, l))) { side[kind]++; byAlias[kind]++; return }
             k = kind ", where GNU and LLVM disagree, ours is neither"
             if (++listed[k] <= show)
               text[k] = text[k] "  " a "\n    GNU:  " chain(g) "\n    LLVM: " chain(l) "\n    ours: " chain(o) "\n"
@@ -211,6 +251,7 @@ for cxx in $compilers; do
             printf "%-18s %-6s %9d %9d %8s %9d %9s\n", label, kind, total, both[kind], pct(agree[kind], both[kind]),
                    split_[kind], pct(side[kind], split_[kind]) >> summary
             if (agree[kind] != both[kind] || side[kind] != split_[kind]) print label " " kind >> failed
+            if (byAlias[kind]) printf "%-18s %-6s (of those sided with: %d by an alias at the same address)\n", label, kind, byAlias[kind] >> summary
           }
           for (i = 1; i <= nk; i++)
           {

@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
   valgrind clang clang-format
-  time zlib1g-dev
+  time
   # llvm-addr2line, and the GoogleTest sources built as the C++ program
   # that the symbolization comparison and benchmark ask about.
   llvm googletest

@@ -50,14 +50,16 @@ void AddressMap::finish() {
   std::set<size_t> stillOpen;
   for (size_t i = 0; i < ranges_.size(); ++i) {
     Range& r = ranges_[i];
-    const size_t startingBefore = static_cast<size_t>(std::lower_bound(starts.begin(), starts.end(), r.end) - starts.begin());
+    const size_t startingBefore =
+        static_cast<size_t>(std::lower_bound(starts.begin(), starts.end(), r.end) - starts.begin());
     const size_t endedBefore = static_cast<size_t>(std::upper_bound(ends.begin(), ends.end(), r.start) - ends.begin());
     r.overlapCount = startingBefore - endedBefore - 1;
     while (!byEnd.empty() && ranges_[byEnd.top()].end <= r.start) {
       stillOpen.erase(byEnd.top());
       byEnd.pop();
     }
-    for (auto it = stillOpen.begin(); it != stillOpen.end() && r.overlaps.size() < kListedOverlaps; ++it) r.overlaps.push_back(*it);
+    for (auto it = stillOpen.begin(); it != stillOpen.end() && r.overlaps.size() < kListedOverlaps; ++it)
+      r.overlaps.push_back(*it);
     for (size_t j = i + 1; j < ranges_.size() && ranges_[j].start < r.end && r.overlaps.size() < kListedOverlaps; ++j) {
       r.overlaps.push_back(j);
     }

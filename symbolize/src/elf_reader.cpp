@@ -27,16 +27,19 @@ ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept {
   return elf;
 }
 
-std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections) {
-  std::vector<std::vector<CodeSymbol>> bySection(sections.size());
+Symbols readSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections) {
+  Symbols out;
+  out.code.resize(sections.size());
+  out.data.resize(sections.size());
+  std::vector<std::vector<CodeSymbol>>& bySection = out.code;
   Elf_Scn* symtab = nullptr;
   for (size_t i = 1; i < sections.size(); ++i) {
     if (sections[i].type == SHT_SYMTAB) symtab = elf_getscn(elf, i);
   }
   GElf_Shdr shdr;
-  if (symtab == nullptr || gelf_getshdr(symtab, &shdr) == nullptr || shdr.sh_entsize == 0) return bySection;
+  if (symtab == nullptr || gelf_getshdr(symtab, &shdr) == nullptr || shdr.sh_entsize == 0) return out;
   Elf_Data* data = elf_getdata(symtab, nullptr);
-  if (data == nullptr) return bySection;
+  if (data == nullptr) return out;
   // Extended section indexes, when the file has more sections than fit.
   Elf_Data* xndx = nullptr;
   for (size_t i = 1; i < sections.size(); ++i) {
@@ -60,7 +63,7 @@ std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector
       file = name;
       continue;
     }
-    if (type == STT_SECTION || type == STT_OBJECT || type == STT_COMMON || type == STT_TLS) continue;
+    if (type == STT_SECTION || type == STT_COMMON || type == STT_TLS) continue;
     const size_t shndx = sym.st_shndx == SHN_XINDEX ? shndxExt : sym.st_shndx;
     if (shndx == SHN_UNDEF || shndx >= sections.size() ||
         (sym.st_shndx >= SHN_LORESERVE && sym.st_shndx != SHN_XINDEX)) {
@@ -82,14 +85,19 @@ std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector
     s.order = static_cast<uint32_t>(i);
     s.function = type == STT_FUNC || type == STT_GNU_IFUNC;
     s.untyped = type == STT_NOTYPE;
-    bySection[shndx].push_back(s);
+    (type == STT_OBJECT ? out.data : bySection)[shndx].push_back(s);
+  }
+  for (std::vector<CodeSymbol>& list : out.data) {
+    std::sort(list.begin(), list.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+      return a.offset != b.offset ? a.offset < b.offset : a.order < b.order;
+    });
   }
   for (std::vector<CodeSymbol>& list : bySection) {
     std::sort(list.begin(), list.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
       return a.offset != b.offset ? a.offset < b.offset : a.order < b.order;
     });
   }
-  return bySection;
+  return out;
 }
 
 namespace {
@@ -118,6 +126,19 @@ const CodeSymbol* bestSymbol(const std::vector<CodeSymbol>& symbols, uint64_t of
     if (betterAtSameOffset(*best, *it, offset)) best = &*it;
   }
   return best;
+}
+
+const CodeSymbol* coveringData(const std::vector<CodeSymbol>& symbols, uint64_t offset) noexcept {
+  auto after = std::upper_bound(symbols.begin(), symbols.end(), offset,
+                                [](uint64_t off, const CodeSymbol& s) { return off < s.offset; });
+  if (after == symbols.begin()) return nullptr;
+  const uint64_t at = (after - 1)->offset;
+  const CodeSymbol* best = nullptr;
+  for (auto it = after; it != symbols.begin() && (it - 1)->offset == at; --it) {
+    const CodeSymbol& s = *(it - 1);
+    if (best == nullptr || s.size > best->size) best = &s;
+  }
+  return best->covers(offset) ? best : nullptr;
 }
 
 }  // namespace internal

@@ -32,8 +32,8 @@ kelo_elf::ELFBytes copyOf(const kelo_elf::ELF& image);
 // not take the bytes for an ELF file.
 ElfPtr openMemory(kelo_elf::ELFBytes& bytes) noexcept;
 
-// A symbol that can name code at an address, as a linked program's symbol
-// table would hold it: defined in a section, not a section, file, data or
+// A symbol that can name an address, as a linked program's symbol table
+// would hold it: defined in a section, not a section, file, common or
 // thread-local symbol, not an assembler-local ".L" label, and not a hidden
 // local untyped marker of size 0.
 struct CodeSymbol {
@@ -51,9 +51,14 @@ struct CodeSymbol {
   bool covers(uint64_t at) const noexcept { return !sized || at - offset < size; }
 };
 
-// The code symbols of each section, by section index, each list sorted by
-// offset and then table order. Names point into `elf`'s data.
-std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections);
+// The symbols of each section, by section index, each list sorted by offset
+// and then table order: those that can name code, and the data objects
+// (STT_OBJECT). Names point into `elf`'s data.
+struct Symbols {
+  std::vector<std::vector<CodeSymbol>> code;
+  std::vector<std::vector<CodeSymbol>> data;
+};
+Symbols readSymbols(Elf* elf, const std::vector<kelo_elf::SectionHeader>& sections);
 
 // The symbol that binutils' lookup takes for `offset` in a section whose
 // code symbols are `symbols`: the nearest at or before the offset; among
@@ -61,6 +66,11 @@ std::vector<std::vector<CodeSymbol>> readCodeSymbols(Elf* elf, const std::vector
 // one, then the smaller (or, when none covers it, the larger), then the
 // first in the table. Null when none is at or before the offset.
 const CodeSymbol* bestSymbol(const std::vector<CodeSymbol>& symbols, uint64_t offset) noexcept;
+
+// The data object that covers `offset`, as LLVM's lookup takes it: the
+// largest of those at the nearest offset at or before it, when it reaches
+// the offset. Null otherwise.
+const CodeSymbol* coveringData(const std::vector<CodeSymbol>& symbols, uint64_t offset) noexcept;
 
 }  // namespace internal
 }  // namespace kelo_symbolize

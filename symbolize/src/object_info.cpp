@@ -80,11 +80,11 @@ struct ObjectInfo::Unit {
 // place for a relocatable object) and the descriptors reading it.
 struct ObjectInfo::Session {
   kelo_elf::ELFBytes bytes;
-  DwflContext context;  // what libdwfl's callbacks are given
-  Dwfl* dwfl = nullptr;                         // relocatable objects
-  ElfPtr elf;                                   // linked files: the descriptor ownDwarf reads
-  Dwarf* ownDwarf = nullptr;                    // linked files, read as they are
-  Dwarf* dwarf = nullptr;                       // whichever of the two
+  DwflContext context;        // what libdwfl's callbacks are given
+  Dwfl* dwfl = nullptr;       // relocatable objects
+  ElfPtr elf;                 // linked files: the descriptor ownDwarf reads
+  Dwarf* ownDwarf = nullptr;  // linked files, read as they are
+  Dwarf* dwarf = nullptr;     // whichever of the two
   Dwarf_Addr bias = 0;
 
   ~Session() {
@@ -140,7 +140,6 @@ bool holdsNoCode(int tag) {
   }
 }
 
-
 bool startsWith(const char* s, const char* prefix) { return std::strncmp(s, prefix, std::strlen(prefix)) == 0; }
 
 // Sections whose strings libdw reads up to their NUL.
@@ -171,7 +170,6 @@ bool inflatesToTerminated(const Elf_Data* raw) {
   return status == Z_STREAM_END && last == 0;
 }
 
-
 void terminateStrings(Elf* elf) {
   // libdw hands out (and itself reads) the strings of .debug_str and
   // .debug_line_str up to their NUL without checking that the NUL lies in
@@ -185,7 +183,8 @@ void terminateStrings(Elf* elf) {
     if (gelf_getshdr(scn, &shdr) == nullptr || shdr.sh_type == SHT_NOBITS) continue;
     const char* name = elf_strptr(elf, names, shdr.sh_name);
     if (name == nullptr) continue;
-    const bool gnuCompressed = startsWith(name, ".zdebug") && isStringSection((std::string(".debug") + (name + 7)).c_str());
+    const bool gnuCompressed =
+        startsWith(name, ".zdebug") && isStringSection((std::string(".debug") + (name + 7)).c_str());
     if (!isStringSection(name) && !gnuCompressed) continue;
     if ((shdr.sh_flags & SHF_COMPRESSED) && elf_compress(scn, 0, 0) < 0) continue;
     if (gnuCompressed) {
@@ -202,7 +201,6 @@ void terminateStrings(Elf* elf) {
     *last = '\0';
   }
 }
-
 
 int findElf(Dwfl_Module*, void** userdata, const char*, Dwarf_Addr, char**, Elf** elfp) {
   kelo_elf::ELFBytes& bytes = *static_cast<DwflContext*>(*userdata)->bytes;
@@ -231,13 +229,17 @@ ObjectInfo::ObjectInfo(const kelo_elf::ELF& image, bool demangle)
   kelo_elf::ELFBytes bytes = copyOf(image_);
   ElfPtr elf = openMemory(bytes);
   if (!elf) return;
-  symbols_ = readCodeSymbols(elf.get(), sections_);
-  for (std::vector<CodeSymbol>& list : symbols_) {
-    for (CodeSymbol& s : list) {
-      s.name = intern(s.name)->c_str();
-      if (s.file != nullptr) s.file = intern(s.file)->c_str();
+  Symbols read = readSymbols(elf.get(), sections_);
+  symbols_ = std::move(read.code);
+  dataSymbols_ = std::move(read.data);
+  for (auto* table : {&symbols_, &dataSymbols_}) {
+    for (std::vector<CodeSymbol>& list : *table) {
+      for (CodeSymbol& s : list) {
+        s.name = intern(s.name)->c_str();
+        if (s.file != nullptr) s.file = intern(s.file)->c_str();
+      }
+      indexBytes_ += list.capacity() * sizeof(CodeSymbol);
     }
-    indexBytes_ += list.capacity() * sizeof(CodeSymbol);
   }
   if (!checkCompressed(elf.get())) return;
   elf.reset();
@@ -675,10 +677,18 @@ bool ObjectInfo::describeVariable(uint64_t at, size_t section, uint64_t offset, 
 
 void ObjectInfo::describeSymbol(size_t section, uint64_t offset, Location& loc) {
   const CodeSymbol* sym = symbolAt(section, offset);
-  if (sym == nullptr) return;
   Frame frame;
-  setFunction(frame, intern(sym->name));
-  if (sym->file != nullptr) frame.file = sym->file;
+  if (sym != nullptr) {
+    setFunction(frame, intern(sym->name));
+    if (sym->file != nullptr) frame.file = sym->file;
+  } else {
+    // Where no code symbol is near, the data object that holds the address
+    // names it.
+    sym = section < dataSymbols_.size() ? coveringData(dataSymbols_[section], offset) : nullptr;
+    if (sym == nullptr) return;
+    setFunction(frame, intern(sym->name));
+    if (sym->file != nullptr) frame.file = sym->file;
+  }
   loc.frames.push_back(std::move(frame));
 }
 

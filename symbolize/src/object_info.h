@@ -97,7 +97,8 @@ class ObjectInfo {
   // Every string the indexes keep (names, paths), once; pointers to them
   // are stable.
   std::unordered_set<std::string> strings_;
-  std::vector<std::vector<CodeSymbol>> symbols_;  // names point into strings_
+  std::vector<std::vector<CodeSymbol>> symbols_;      // names point into strings_
+  std::vector<std::vector<CodeSymbol>> dataSymbols_;  // the same
   std::vector<Unit> units_;
   // Address pieces of the units, sorted by start, with the running maximum
   // of their ends, so that a lookup can stop scanning backwards early.

@@ -207,7 +207,8 @@ TEST(Resolve, LinkedFilesAreReadAtTheirOwnAddresses) {
     Elf_Data* data = elf_getdata(scn, nullptr);
     for (size_t i = 0; data != nullptr && i < shdr.sh_size / shdr.sh_entsize; ++i) {
       GElf_Sym sym;
-      const char* name = gelf_getsym(data, static_cast<int>(i), &sym) ? elf_strptr(elf, shdr.sh_link, sym.st_name) : nullptr;
+      const char* name =
+          gelf_getsym(data, static_cast<int>(i), &sym) ? elf_strptr(elf, shdr.sh_link, sym.st_name) : nullptr;
       if (name != nullptr && std::string(name) == "crunch") crunch = sym.st_value;
     }
   }
