@@ -251,8 +251,8 @@ TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   EXPECT_EQ(main->frames.at(0).function, "main");
   EXPECT_EQ(main->frames.at(0).line, 11u);
 
-  // A variable's first byte gives its declaration; its other bytes, and
-  // data nobody declared, give nothing. (Only for locations given as
+  // A variable's first byte gives its declaration; its other bytes only the
+  // data object's symbol, with no line. (Only for locations given as
   // DW_OP_addr, as in binutils: clang's DWARF 5 uses DW_OP_addrx.)
   absl::optional<Location> counter = symbolizer.resolve(0x3010);
   ASSERT_TRUE(counter);
@@ -265,7 +265,11 @@ TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   EXPECT_EQ(counter->frames[0].function, "");
   EXPECT_TRUE(endsWith(counter->frames[0].file, "/examples/main.c"));
   EXPECT_EQ(counter->frames[0].line, 8u);
-  EXPECT_TRUE(symbolizer.resolve(0x3011)->frames.empty());
+  const absl::optional<Location> inside = symbolizer.resolve(0x3011);
+  ASSERT_EQ(inside->frames.size(), 1u);
+  EXPECT_EQ(inside->frames[0].function, "counter");
+  EXPECT_EQ(inside->frames[0].line, 0u);
+  EXPECT_TRUE(inside->variable.empty());
   EXPECT_EQ(symbolizer.resolve(0x1040)->variable, "overlay_table");
   EXPECT_EQ(symbolizer.resolve(0x2000)->variable, "scratch");
   EXPECT_FALSE(symbolizer.resolve(0x4000));  // an empty section takes no address
