@@ -40,11 +40,12 @@ struct CodeSymbol {
   uint64_t offset = 0;  // value relative to its section
   uint64_t size = 0;    // st_size, or 1 when that is 0
   const char* name = nullptr;
-  const char* file = nullptr;  // for local symbols, the file symbol before it
-  uint32_t order = 0;          // position in the symbol table
-  bool function = false;       // STT_FUNC or STT_GNU_IFUNC
-  bool untyped = false;        // STT_NOTYPE
-  bool sized = false;          // st_size is not 0
+  const std::string* kept = nullptr;  // the name, once its owner keeps a copy
+  const char* file = nullptr;         // for local symbols, the file symbol before it
+  uint32_t order = 0;                 // position in the symbol table
+  bool function = false;              // STT_FUNC or STT_GNU_IFUNC
+  bool untyped = false;               // STT_NOTYPE
+  bool sized = false;                 // st_size is not 0
 
   // Whether the symbol reaches `offset` (one without a size reaches
   // everything after it).

@@ -235,7 +235,8 @@ ObjectInfo::ObjectInfo(const kelo_elf::ELF& image, bool demangle)
   for (auto* table : {&symbols_, &dataSymbols_}) {
     for (std::vector<CodeSymbol>& list : *table) {
       for (CodeSymbol& s : list) {
-        s.name = intern(s.name)->c_str();
+        s.kept = intern(s.name);
+        s.name = s.kept->c_str();
         if (s.file != nullptr) s.file = intern(s.file)->c_str();
       }
       indexBytes_ += list.capacity() * sizeof(CodeSymbol);
@@ -586,7 +587,8 @@ void ObjectInfo::setFunction(Frame& frame, const std::string* name) {
   static const std::string kNone;
   if (name == nullptr) name = &kNone;
   frame.function = *name;
-  if (!demangle_ || name->empty() || (*name)[0] != '_') {
+  if (!demangle_) return;
+  if (name->empty() || (*name)[0] != '_') {
     frame.demangled = frame.function;
     return;
   }
@@ -653,7 +655,7 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // by the nearest symbol before it.
   if (const CodeSymbol* sym = symbolAt(section, offset)) {
     Frame& outer = loc.frames.back();
-    if (sym->covers(offset) || node < 0) setFunction(outer, intern(sym->name));
+    if (sym->covers(offset) || node < 0) setFunction(outer, sym->kept);
     if (row == nullptr && loc.frames.size() == 1 && sym->file != nullptr) outer.file = sym->file;
   }
   return true;
@@ -667,7 +669,7 @@ bool ObjectInfo::describeVariable(uint64_t at, size_t section, uint64_t offset, 
   const Variable& var = *(after - 1);
   Frame frame;
   const CodeSymbol* sym = symbolAt(section, offset);
-  setFunction(frame, sym != nullptr ? intern(sym->name) : nullptr);
+  setFunction(frame, sym != nullptr ? sym->kept : nullptr);
   frame.file = *var.file;
   frame.line = var.line;
   loc.variable = *var.name;
@@ -679,14 +681,14 @@ void ObjectInfo::describeSymbol(size_t section, uint64_t offset, Location& loc) 
   const CodeSymbol* sym = symbolAt(section, offset);
   Frame frame;
   if (sym != nullptr) {
-    setFunction(frame, intern(sym->name));
+    setFunction(frame, sym->kept);
     if (sym->file != nullptr) frame.file = sym->file;
   } else {
     // Where no code symbol is near, the data object that holds the address
     // names it.
     sym = section < dataSymbols_.size() ? coveringData(dataSymbols_[section], offset) : nullptr;
     if (sym == nullptr) return;
-    setFunction(frame, intern(sym->name));
+    setFunction(frame, sym->kept);
     if (sym->file != nullptr) frame.file = sym->file;
   }
   loc.frames.push_back(std::move(frame));

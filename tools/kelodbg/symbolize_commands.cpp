@@ -11,6 +11,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include <fmt/format.h>
 
@@ -27,10 +28,10 @@ using kelo_symbolize::Symbolizer;
 
 std::string idText(const kelo_elf::DebugInfoID& id) { return format(Id::of(id)); }
 
-void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned discriminator, std::FILE* out) {
+void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned discriminator, fmt::memory_buffer& out) {
   if (options.functions) {
     const std::string& name = options.demangle ? frame.demangled : frame.function;
-    fmt::print(out, "{}{}", name.empty() ? "??" : name, options.pretty ? " at " : "\n");
+    fmt::format_to(std::back_inserter(out), "{}{}", name.empty() ? "??" : name, options.pretty ? " at " : "\n");
   }
   std::string file = frame.file.empty() ? "??" : frame.file;
   if (options.basenames && !frame.file.empty()) {
@@ -38,35 +39,38 @@ void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned di
     if (slash != std::string::npos) file.erase(0, slash + 1);
   }
   if (frame.line == 0) {
-    fmt::print(out, "{}:?\n", file);
+    fmt::format_to(std::back_inserter(out), "{}:?\n", file);
   } else if (discriminator != 0) {
-    fmt::print(out, "{}:{} (discriminator {})\n", file, frame.line, discriminator);
+    fmt::format_to(std::back_inserter(out), "{}:{} (discriminator {})\n", file, frame.line, discriminator);
   } else {
-    fmt::print(out, "{}:{}\n", file, frame.line);
+    fmt::format_to(std::back_inserter(out), "{}:{}\n", file, frame.line);
   }
 }
 
-void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, std::FILE* out) {
+void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, std::FILE* file) {
+  // One answer is put together here and written at once.
+  fmt::memory_buffer out;
   // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
   // cut to the width of the program's addresses.
   uint64_t address = std::strtoull(text, nullptr, 16);
   const unsigned bits = symbolizer.addressBits();
   if (bits == 32) address &= 0xffffffffu;
   if (options.addresses) {
-    fmt::print(out, "0x{:0{}x}{}", address, bits / 4, options.pretty ? ": " : "\n");
+    fmt::format_to(std::back_inserter(out), "0x{:0{}x}{}", address, bits / 4, options.pretty ? ": " : "\n");
   }
   const absl::optional<Location> loc = symbolizer.resolve(address);
   if (!loc || loc->frames.empty()) {
-    if (options.functions) fmt::print(out, "{}", options.pretty ? "?? " : "??\n");
-    fmt::print(out, "??:0\n");
+    if (options.functions) fmt::format_to(std::back_inserter(out), "{}", options.pretty ? "?? " : "??\n");
+    fmt::format_to(std::back_inserter(out), "??:0\n");
   } else {
     const size_t shown = options.inlines ? loc->frames.size() : 1;
     for (size_t i = 0; i < shown; ++i) {
-      if (i > 0 && options.pretty) fmt::print(out, " (inlined by) ");
+      if (i > 0 && options.pretty) fmt::format_to(std::back_inserter(out), " (inlined by) ");
       printFrame(options, loc->frames[i], loc->frames[0].discriminator, out);
     }
   }
-  if (flush) std::fflush(out);
+  std::fwrite(out.data(), 1, out.size(), file);
+  if (flush) std::fflush(file);
 }
 
 }  // namespace

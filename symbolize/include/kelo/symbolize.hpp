@@ -81,8 +81,8 @@ struct Frame {
   // preceding code symbol of the section. Inlined frames: the DWARF's
   // linkage name, else its plain name. Empty when nothing names it.
   std::string function;
-  // `function` demangled when it is a mangled C++ name and Options::demangle
-  // asks for it (within kMaxDemangledName), else equal to it.
+  // With Options::demangle, `function` demangled when it is a mangled C++
+  // name (within kMaxDemangledName), else equal to it. Empty without.
   std::string demangled;
   // The source file, absolute when the compilation directory is recorded;
   // empty when unknown.
@@ -118,7 +118,7 @@ struct Options {
   // The entry that answers last stays, whatever its size.
   size_t cacheBytes = size_t{1} << 30;
   // Whether Frame::demangled is filled; without it names are never
-  // demangled.
+  // demangled (and Frame::demangled stays empty).
   bool demangle = true;
   // Told, once per entry, why an entry's debug information was refused
   // (e.g. compressed sections that would inflate past the limit). May be
