@@ -583,11 +583,22 @@ bool ObjectInfo::indexAllUnits() {
   return true;
 }
 
+Frame& ObjectInfo::addFrame(Location& loc) {
+  if (framesUsed_ == loc.frames.size()) loc.frames.emplace_back();
+  Frame& frame = loc.frames[framesUsed_++];
+  frame.file.clear();
+  frame.line = frame.column = frame.discriminator = 0;
+  return frame;
+}
+
 void ObjectInfo::setFunction(Frame& frame, const std::string* name) {
   static const std::string kNone;
   if (name == nullptr) name = &kNone;
   frame.function = *name;
-  if (!demangle_) return;
+  if (!demangle_) {
+    frame.demangled.clear();
+    return;
+  }
   if (name->empty() || (*name)[0] != '_') {
     frame.demangled = frame.function;
     return;
@@ -625,9 +636,11 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // function's caller, standing at the call site recorded in the inlined
   // DIE. Every frame is named by the DWARF here; the outermost one may take
   // the symbol's name below.
-  auto fileName = [&unit](uint32_t file) { return file < unit.files.size() ? *unit.files[file] : std::string(); };
-  loc.frames.reserve(4);
-  Frame first;
+  static const std::string kNoName;
+  auto fileName = [&unit](uint32_t file) -> const std::string& {
+    return file < unit.files.size() ? *unit.files[file] : kNoName;
+  };
+  Frame& first = addFrame(loc);
   if (row != nullptr) {
     first.file = fileName(row->file);
     first.line = row->line;
@@ -635,17 +648,15 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
     first.discriminator = row->discriminator;
   }
   setFunction(first, node >= 0 ? unit.nodes[static_cast<size_t>(node)].name : nullptr);
-  loc.frames.push_back(std::move(first));
   for (int32_t cur = node; cur >= 0;) {
     const Node& inlined = unit.nodes[static_cast<size_t>(cur)];
     if (!inlined.inlined || inlined.parent < 0) break;
-    Frame frame;
+    Frame& frame = addFrame(loc);
     setFunction(frame, unit.nodes[static_cast<size_t>(inlined.parent)].name);
     frame.file = fileName(inlined.callFile);
     frame.line = inlined.callLine;
     frame.column = inlined.callColumn;
     frame.discriminator = inlined.callDiscriminator;
-    loc.frames.push_back(std::move(frame));
     cur = inlined.parent;
   }
 
@@ -654,9 +665,9 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // of the section covers the address; where the DWARF knows no function,
   // by the nearest symbol before it.
   if (const CodeSymbol* sym = symbolAt(section, offset)) {
-    Frame& outer = loc.frames.back();
+    Frame& outer = loc.frames[framesUsed_ - 1];
     if (sym->covers(offset) || node < 0) setFunction(outer, sym->kept);
-    if (row == nullptr && loc.frames.size() == 1 && sym->file != nullptr) outer.file = sym->file;
+    if (row == nullptr && framesUsed_ == 1 && sym->file != nullptr) outer.file = sym->file;
   }
   return true;
 }
@@ -667,34 +678,35 @@ bool ObjectInfo::describeVariable(uint64_t at, size_t section, uint64_t offset, 
                                 [](uint64_t a, const Variable& v) { return a < v.addr; });
   if (after == variables_.begin() || (after - 1)->addr != at) return false;
   const Variable& var = *(after - 1);
-  Frame frame;
+  Frame& frame = addFrame(loc);
   const CodeSymbol* sym = symbolAt(section, offset);
   setFunction(frame, sym != nullptr ? sym->kept : nullptr);
   frame.file = *var.file;
   frame.line = var.line;
   loc.variable = *var.name;
-  loc.frames.push_back(std::move(frame));
   return true;
 }
 
 void ObjectInfo::describeSymbol(size_t section, uint64_t offset, Location& loc) {
   const CodeSymbol* sym = symbolAt(section, offset);
-  Frame frame;
-  if (sym != nullptr) {
-    setFunction(frame, sym->kept);
-    if (sym->file != nullptr) frame.file = sym->file;
-  } else {
-    // Where no code symbol is near, the data object that holds the address
-    // names it.
-    sym = section < dataSymbols_.size() ? coveringData(dataSymbols_[section], offset) : nullptr;
-    if (sym == nullptr) return;
-    setFunction(frame, sym->kept);
-    if (sym->file != nullptr) frame.file = sym->file;
-  }
-  loc.frames.push_back(std::move(frame));
+  // Where no code symbol is near, the data object that holds the address
+  // names it.
+  if (sym == nullptr && section < dataSymbols_.size()) sym = coveringData(dataSymbols_[section], offset);
+  if (sym == nullptr) return;
+  Frame& frame = addFrame(loc);
+  setFunction(frame, sym->kept);
+  if (sym->file != nullptr) frame.file = sym->file;
 }
 
 void ObjectInfo::describe(size_t section, uint64_t offset, Location& loc) {
+  // Frames left in `loc` by an earlier answer are reused, strings and all.
+  framesUsed_ = 0;
+  loc.variable.clear();
+  describeAny(section, offset, loc);
+  loc.frames.resize(framesUsed_);
+}
+
+void ObjectInfo::describeAny(size_t section, uint64_t offset, Location& loc) {
   if (dwarfUsable_ && section < base_.size() && base_[section] != kNoBase && offset < sections_[section].size) {
     // The section's addresses in the DWARF's address space.
     const uint64_t low = base_[section] - bias_;

@@ -44,8 +44,8 @@ class ObjectInfo {
   ObjectInfo(const ObjectInfo&) = delete;
   ObjectInfo& operator=(const ObjectInfo&) = delete;
 
-  // Fills loc.frames and loc.variable for the address at `offset` in
-  // section `section` of the image.
+  // Sets loc.frames and loc.variable for the address at `offset` in
+  // section `section` of the image, reusing the frames `loc` holds.
   void describe(size_t section, uint64_t offset, Location& loc);
 
   // Why the DWARF was not read (empty when it was, or there is none).
@@ -76,6 +76,8 @@ class ObjectInfo {
   bool describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t section, uint64_t offset, Location& loc);
   bool describeVariable(uint64_t at, size_t section, uint64_t offset, Location& loc);
   void describeSymbol(size_t section, uint64_t offset, Location& loc);
+  void describeAny(size_t section, uint64_t offset, Location& loc);
+  Frame& addFrame(Location& loc);
   const CodeSymbol* symbolAt(size_t section, uint64_t offset) const;
   const std::string* intern(const char* text);
   void setFunction(Frame& frame, const std::string* name);
@@ -111,6 +113,7 @@ class ObjectInfo {
   std::vector<Variable> variables_;  // every unit's, sorted by address once all are indexed
   std::unordered_map<const std::string*, std::string> demangled_;
   size_t indexBytes_ = 0;  // what the indexes take, roughly
+  size_t framesUsed_ = 0;  // of the Location being described
 };
 
 }  // namespace internal

@@ -136,17 +136,26 @@ const Range* Symbolizer::rangeAt(uint64_t address) const noexcept {
 }
 
 absl::optional<Location> Symbolizer::resolve(uint64_t address) {
+  Location loc;
+  if (!resolve(address, loc)) return absl::nullopt;
+  return loc;
+}
+
+bool Symbolizer::resolve(uint64_t address, Location& out) {
   const size_t i = impl_->map.find(address);
-  if (i == AddressMap::kNone) return absl::nullopt;
+  if (i == AddressMap::kNone) {
+    out.frames.clear();
+    out.variable.clear();
+    return false;
+  }
   const Range& range = impl_->map.ranges()[i];
   const internal::Placement& where = impl_->map.placement(i);
-  Location loc;
-  loc.id = range.id;
-  loc.section = range.section;
-  loc.offset = address - range.start;
-  impl_->load(where.entry).describe(where.section, loc.offset, loc);
+  out.id = range.id;
+  out.section = range.section;
+  out.offset = address - range.start;
+  impl_->load(where.entry).describe(where.section, out.offset, out);
   impl_->account(where.entry);
-  return loc;
+  return true;
 }
 
 unsigned Symbolizer::addressBits() const noexcept { return impl_->addressBits; }

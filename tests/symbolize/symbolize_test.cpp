@@ -275,6 +275,24 @@ TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   EXPECT_FALSE(symbolizer.resolve(0x4000));  // an empty section takes no address
 }
 
+TEST(Resolve, AReusedLocationHoldsOnlyTheNewAnswer) {
+  const DebugInfoList list = exampleList();
+  Symbolizer symbolizer(list);
+  Location reused;
+  // A variable, code with a longer chain, nothing, then the rest, in turn.
+  for (uint64_t address : {0x3010u, 0x1000u, 0x3011u, 0x5000u, 0x3004u, 0x1040u, 0x100au, 0x2000u}) {
+    const absl::optional<Location> fresh = symbolizer.resolve(address);
+    EXPECT_EQ(symbolizer.resolve(address, reused), fresh.has_value());
+    if (!fresh) {
+      EXPECT_TRUE(reused.frames.empty());
+      continue;
+    }
+    EXPECT_EQ(answerText(reused), answerText(fresh)) << std::hex << address;
+    EXPECT_EQ(reused.variable, fresh->variable) << std::hex << address;
+    EXPECT_EQ(reused.id, fresh->id);
+  }
+}
+
 TEST(Resolve, RelocatesElf32ObjectsToo) {
   DebugInfoList list;
   list.add(kUtil, example("util32.o"));

@@ -8,10 +8,10 @@
 
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 
 #include <fmt/format.h>
 
@@ -28,44 +28,71 @@ using kelo_symbolize::Symbolizer;
 
 std::string idText(const kelo_elf::DebugInfoID& id) { return format(Id::of(id)); }
 
-void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned discriminator, fmt::memory_buffer& out) {
-  if (options.functions) {
-    const std::string& name = options.demangle ? frame.demangled : frame.function;
-    fmt::format_to(std::back_inserter(out), "{}{}", name.empty() ? "??" : name, options.pretty ? " at " : "\n");
-  }
-  std::string file = frame.file.empty() ? "??" : frame.file;
-  if (options.basenames && !frame.file.empty()) {
-    const size_t slash = file.rfind('/');
-    if (slash != std::string::npos) file.erase(0, slash + 1);
-  }
-  if (frame.line == 0) {
-    fmt::format_to(std::back_inserter(out), "{}:?\n", file);
-  } else if (discriminator != 0) {
-    fmt::format_to(std::back_inserter(out), "{}:{} (discriminator {})\n", file, frame.line, discriminator);
-  } else {
-    fmt::format_to(std::back_inserter(out), "{}:{}\n", file, frame.line);
-  }
+// Answers are put together with plain appends: at hundreds of thousands of
+// addresses a second, formatting is a good part of the time.
+void appendNumber(std::string& out, uint64_t value) {
+  char digits[24];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
+  out.append(digits, end.ptr);
 }
 
-void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, std::FILE* file) {
-  // One answer is put together here and written at once.
-  fmt::memory_buffer out;
+void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned discriminator, std::string& out) {
+  if (options.functions) {
+    const std::string& name = options.demangle ? frame.demangled : frame.function;
+    out += name.empty() ? "??" : name;
+    out += options.pretty ? " at " : "\n";
+  }
+  if (frame.file.empty()) {
+    out += "??";
+  } else {
+    const size_t slash = options.basenames ? frame.file.rfind('/') : std::string::npos;
+    out.append(frame.file, slash == std::string::npos ? 0 : slash + 1, std::string::npos);
+  }
+  if (frame.line == 0) {
+    out += ":?\n";
+    return;
+  }
+  out += ':';
+  appendNumber(out, frame.line);
+  if (discriminator != 0) {
+    out += " (discriminator ";
+    appendNumber(out, discriminator);
+    out += ')';
+  }
+  out += '\n';
+}
+
+// The state reused from one answer to the next.
+struct Scratch {
+  Location location;
+  std::string text;  // one answer, written at once
+};
+
+void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
+            std::FILE* file) {
+  std::string& out = scratch.text;
   // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
   // cut to the width of the program's addresses.
   uint64_t address = std::strtoull(text, nullptr, 16);
   const unsigned bits = symbolizer.addressBits();
   if (bits == 32) address &= 0xffffffffu;
+  out.clear();
   if (options.addresses) {
-    fmt::format_to(std::back_inserter(out), "0x{:0{}x}{}", address, bits / 4, options.pretty ? ": " : "\n");
+    char hex[17];
+    const std::to_chars_result end = std::to_chars(hex, hex + sizeof hex, address, 16);
+    out += "0x";
+    out.append(bits / 4 - std::min<size_t>(bits / 4, static_cast<size_t>(end.ptr - hex)), '0');
+    out.append(hex, end.ptr);
+    out += options.pretty ? ": " : "\n";
   }
-  const absl::optional<Location> loc = symbolizer.resolve(address);
-  if (!loc || loc->frames.empty()) {
-    if (options.functions) fmt::format_to(std::back_inserter(out), "{}", options.pretty ? "?? " : "??\n");
-    fmt::format_to(std::back_inserter(out), "??:0\n");
+  const Location* loc = symbolizer.resolve(address, scratch.location) ? &scratch.location : nullptr;
+  if (loc == nullptr || loc->frames.empty()) {
+    if (options.functions) out += options.pretty ? "?? " : "??\n";
+    out += "??:0\n";
   } else {
     const size_t shown = options.inlines ? loc->frames.size() : 1;
     for (size_t i = 0; i < shown; ++i) {
-      if (i > 0 && options.pretty) fmt::format_to(std::back_inserter(out), " (inlined by) ");
+      if (i > 0 && options.pretty) out += " (inlined by) ";
       printFrame(options, loc->frames[i], loc->frames[0].discriminator, out);
     }
   }
@@ -84,8 +111,9 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
     complain(fmt::format("kelodbg: entry {}: warning: {}\n", idText(id), why));
   };
   Symbolizer symbolizer(list, symbolizerOptions);
+  Scratch buffer;
   if (!addresses.empty()) {
-    for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), false, out);
+    for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), false, buffer, out);
     return 0;
   }
   // binutils reads standard input in pieces of at most 99 characters, and
@@ -96,7 +124,7 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   const int fd = fileno(in);
   const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
   char line[100];
-  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, out);
+  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out);
   return 0;
 }
 

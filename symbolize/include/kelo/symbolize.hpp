@@ -152,6 +152,11 @@ class KELO_EXPORT Symbolizer {
   // range holds it. Loads the entry's DWARF on its first hit.
   absl::optional<Location> resolve(uint64_t address);
 
+  // The same into `out`, whose frames and strings are reused (a caller
+  // resolving many addresses keeps one Location); false, with no frames,
+  // when no range holds the address.
+  bool resolve(uint64_t address, Location& out);
+
   // 64 when any entry's image is ELF64 (or the list is empty), else 32: the
   // width of the addresses of a program linked from the entries.
   unsigned addressBits() const noexcept;
