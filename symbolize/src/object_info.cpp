@@ -113,7 +113,7 @@ unsigned udata(Dwarf_Die* die, unsigned name) {
 
 // The DWARF's name of a function DIE: a linkage name anywhere along its
 // abstract origin and DW_AT_specification, else the first plain name there.
-const char* nameOf(Dwarf_Die* die) {
+const char* functionName(Dwarf_Die* die) {
   Dwarf_Die copy = *die;
   Dwarf_Attribute attr;
   const char* name = nullptr;
@@ -126,6 +126,8 @@ const char* nameOf(Dwarf_Die* die) {
 }
 
 // Tags whose children hold no code and no variables at fixed addresses.
+// (Not classes: GCC may put the code of a local class's member functions
+// inside the class's DIE.)
 bool holdsNoCode(int tag) {
   switch (tag) {
     case DW_TAG_enumeration_type:
@@ -402,6 +404,29 @@ void ObjectInfo::listUnits(Dwarf* dwarf) {
   indexBytes_ += units_.capacity() * sizeof(Unit) + unitPieces_.capacity() * sizeof(UnitPiece);
 }
 
+const std::string* ObjectInfo::nameOf(Dwarf_Die& die, std::unordered_map<Dwarf_Off, const std::string*>& byOrigin) {
+  Dwarf_Attribute attr;
+  Dwarf_Die origin;
+  // A name of its own comes first (constructor and destructor variants
+  // share an origin but each has its own linkage name).
+  if (dwarf_attr(&die, DW_AT_linkage_name, &attr) != nullptr ||
+      dwarf_attr(&die, DW_AT_MIPS_linkage_name, &attr) != nullptr || dwarf_attr(&die, DW_AT_name, &attr) != nullptr) {
+    const char* name = functionName(&die);
+    return name != nullptr ? intern(name) : nullptr;
+  }
+  if ((dwarf_attr(&die, DW_AT_abstract_origin, &attr) != nullptr ||
+       dwarf_attr(&die, DW_AT_specification, &attr) != nullptr) &&
+      dwarf_formref_die(&attr, &origin) != nullptr) {
+    const Dwarf_Off key = dwarf_dieoffset(&origin);
+    auto found = byOrigin.find(key);
+    if (found != byOrigin.end()) return found->second;
+    const char* name = functionName(&die);
+    return byOrigin.emplace(key, name != nullptr ? intern(name) : nullptr).first->second;
+  }
+  const char* name = functionName(&die);
+  return name != nullptr ? intern(name) : nullptr;
+}
+
 const std::string* ObjectInfo::intern(const char* text) {
   auto inserted = strings_.emplace(text != nullptr ? text : "");
   if (inserted.second) indexBytes_ += inserted.first->capacity() + 48;
@@ -467,6 +492,10 @@ bool ObjectInfo::indexUnit(Unit& unit) {
     int32_t node;
   };
   std::vector<Span> spans;
+  // Names by the DIE an instance refers to (its abstract origin or
+  // specification): an inline function inlined a thousand times is named
+  // once.
+  std::unordered_map<Dwarf_Off, const std::string*> names;
   struct Open {
     Dwarf_Die die;
     int32_t enclosing;
@@ -490,8 +519,7 @@ bool ObjectInfo::indexUnit(Unit& unit) {
         node = enclosing;
       } else {
         Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0};
-        const char* name = nameOf(&die);
-        if (name != nullptr) n.name = intern(name);
+        n.name = nameOf(die, names);
         if (n.inlined) {
           const unsigned file = udata(&die, DW_AT_call_file);
           if (files != nullptr && file < fileCount) n.callFile = fileOf(dwarf_filesrc(files, file, nullptr, nullptr));

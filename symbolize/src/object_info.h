@@ -80,6 +80,7 @@ class ObjectInfo {
   Frame& addFrame(Location& loc);
   const CodeSymbol* symbolAt(size_t section, uint64_t offset) const;
   const std::string* intern(const char* text);
+  const std::string* nameOf(Dwarf_Die& die, std::unordered_map<Dwarf_Off, const std::string*>& byOrigin);
   void setFunction(Frame& frame, const std::string* name);
 
   const kelo_elf::ELF& image_;
