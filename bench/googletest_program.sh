@@ -38,12 +38,14 @@ src=${GOOGLETEST_SRC:-/usr/src/googletest}
 command -v "$cxx" >/dev/null || { echo "no compiler $cxx" >&2; exit 1; }
 
 gtest_lib=(googletest/src/{gtest,gtest-assertion-result,gtest-death-test,gtest-filepath,gtest-matchers,gtest-port,gtest-printers,gtest-test-part,gtest-typed-test}.cc)
+# GoogleMock's library: every source but the one that includes the others.
+mapfile -t gmock_lib < <(cd "$src" && ls googlemock/src/gmock*.cc | grep -v '/gmock-all\.cc$')
 if ((subset)); then
   sources=("${gtest_lib[@]}" googletest/src/gtest_main.cc
     googletest/test/{googletest-message-test,googletest-test-part-test,gtest-typed-test2_test}.cc)
 else
   sources=("${gtest_lib[@]}"
-    googlemock/src/{gmock-cardinalities,gmock-internal-utils,gmock-matchers,gmock-spec-builders,gmock,gmock_main}.cc
+    "${gmock_lib[@]}"
     googlemock/test/{gmock-cardinalities_test,gmock-internal-utils_test,gmock-nice-strict_test,gmock-port_test}.cc
     googlemock/test/{gmock-pp-string_test,gmock-pp_test,gmock_ex_test,gmock_leak_test_,gmock_link_test,gmock_test}.cc
     googletest/test/{googletest-death-test-test,googletest-filepath-test,googletest-message-test}.cc

@@ -492,9 +492,9 @@ bool ObjectInfo::indexUnit(Unit& unit) {
     int32_t node;
   };
   std::vector<Span> spans;
-  // Names by the DIE an instance refers to (its abstract origin or
-  // specification): an inline function inlined a thousand times is named
-  // once.
+  // Names by the DIE an instance refers to (DW_AT_abstract_origin or
+  // DW_AT_specification): an inline function inlined a thousand times is
+  // named once.
   std::unordered_map<Dwarf_Off, const std::string*> names;
   struct Open {
     Dwarf_Die die;
