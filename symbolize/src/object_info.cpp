@@ -555,13 +555,49 @@ bool ObjectInfo::indexUnit(Unit& unit) {
     // The next sibling, or that of the nearest ancestor that has one.
     for (;;) {
       Dwarf_Die sibling;
-      if (dwarf_siblingof(&die, &sibling) == 0) {
+      sibling.addr = nullptr;
+      const int found = dwarf_siblingof(&die, &sibling);
+      if (found == 0) {
         die = sibling;
         break;
       }
-      if (stack.empty()) {
+      if (stack.empty() || found < 0) {
         more = false;
         break;
+      }
+      // Without DW_AT_sibling (clang emits none) libdw finds a DIE's sibling
+      // by reading its whole subtree again, which the walk has just read.
+      // At the end of a list libdw leaves the address of the list's closing
+      // null entry: the parent's sibling, if any, comes right after it.
+      if (sibling.addr != nullptr) {
+        Dwarf_Off end = dwarf_dieoffset(&die) + static_cast<Dwarf_Off>(static_cast<const unsigned char*>(sibling.addr) -
+                                                                       static_cast<const unsigned char*>(die.addr));
+        bool resumed = false;
+        for (;;) {
+          // dwarf_offdie checks the offset; one in another unit is left to
+          // libdw's own search below.
+          Dwarf_Die next;
+          if (dwarf_offdie(s->dwarf, end + 1, &next) == nullptr || next.cu != die.cu) break;
+          const bool closes = *static_cast<const unsigned char*>(next.addr) == 0;
+          enclosing = stack.back().enclosing;
+          stack.pop_back();
+          if (!closes) {
+            die = next;
+            resumed = true;
+            break;
+          }
+          if (stack.empty()) {
+            more = false;
+            resumed = true;
+            break;
+          }
+          ++end;  // the parent's list closes here too
+        }
+        if (resumed) break;
+        if (stack.empty()) {
+          more = false;
+          break;
+        }
       }
       die = stack.back().die;
       enclosing = stack.back().enclosing;
