@@ -22,12 +22,7 @@ void check(bool ok) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<unsigned char> bytes(data, data + size);
-  absl::optional<DebugInfoList> list;
-  {
-    orvel_lib::io::File in = kelo_fuzz::readFrom(bytes);
-    check(static_cast<bool>(in));
-    list = kelo_debuginfo::file::readListFrom(in);
-  }
+  absl::optional<DebugInfoList> list = kelo_fuzz::readList(bytes);
   if (!list) return 0;
 
   kelo_fuzz::MemoryOut out;

@@ -7,6 +7,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include "absl/types/optional.h"
+#include "file/DebugInfoFile.h"
+#include "kelo/DebugInfoList.h"
 #include "serialize/orvel/io/File.h"
 
 namespace kelo_fuzz {
@@ -41,6 +44,14 @@ inline orvel_lib::io::File readFrom(std::vector<unsigned char>& bytes) {
   // fmemopen refuses an empty buffer; an empty file reads the same.
   if (bytes.empty()) return orvel_lib::io::File(std::fopen("/dev/null", "rb"));
   return orvel_lib::io::File(fmemopen(bytes.data(), bytes.size(), "rb"));
+}
+
+// The list that `bytes` hold as a debug-info file, if they read; the stream
+// is closed again before the list is returned.
+inline absl::optional<kelo_debuginfo::DebugInfoList> readList(std::vector<unsigned char>& bytes) {
+  orvel_lib::io::File in = readFrom(bytes);
+  if (!in) std::abort();
+  return kelo_debuginfo::file::readListFrom(in);
 }
 
 }  // namespace kelo_fuzz
