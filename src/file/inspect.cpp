@@ -147,6 +147,7 @@ class Walker {
     for (size_t i = 1; i < ids.size(); ++i) {
       if (ids[i].key != ids[i - 1].key) continue;
       report_.warningCount++;
+      report_.dropCount++;
       repeats.emplace_back(Warning::kDuplicateId,
                            Finding{{ids[i].entry, ids[i].offset, "identifier"}, idOf(ids[i].key), {}, 0});
     }
@@ -192,6 +193,7 @@ class Walker {
 
   void record(Warning w, Finding f) {
     report_.warningCount++;
+    if (w != Warning::kKindAboveC) report_.dropCount++;
     if (report_.warnings.size() < Report::kMaxWarnings) report_.warnings.emplace_back(w, std::move(f));
   }
 

@@ -80,6 +80,8 @@ struct Report {
   static constexpr std::size_t kMaxWarnings = 100;
   std::vector<std::pair<Warning, Finding>> warnings;
   uint64_t warningCount = 0;
+  // The warnings about what the reader drops: all but kKindAboveC.
+  uint64_t dropCount = 0;
 };
 
 // Checks the file at `path` (normalised as the read procedure does). Holds

@@ -33,6 +33,9 @@ unsigned kindFrom(const Request& r) {
   return r.kind;
 }
 
+// Changes refuse a file that holds what reading drops, unless told.
+Drops dropsOf(const Request& r) { return r.dropUnread ? Drops::kDrop : Drops::kRefuse; }
+
 // Every identifier of `list`, sorted.
 std::vector<Id> idsOf(const List& list) {
   std::vector<Id> ids;
@@ -99,9 +102,8 @@ std::vector<NewEntry> parseEntries(const std::vector<std::string>& args, unsigne
 }
 
 void refuseSameFile(const Output& out, const std::vector<NewEntry>& entries, const std::string& file) {
-  const Input target(out.readPath());
   for (const NewEntry& e : entries) {
-    if (e.input->device() == target.device() && e.input->inode() == target.inode()) {
+    if (out.isFileOf(*e.input)) {
       fail(Exit::kUnsafe, file, fmt::format("is also the ELF input of {}; refused", format(e.id)));
     }
   }
@@ -115,7 +117,7 @@ void addEntries(List& list, const std::string& file, std::vector<NewEntry>& entr
   }
   std::vector<kelo_elf::ELF> images;
   images.reserve(entries.size());
-  for (const NewEntry& e : entries) images.push_back(loadElf(*e.input));
+  for (const NewEntry& e : entries) images.push_back(e.input->loadElf());
   for (size_t i = 0; i < entries.size(); ++i) list.add(entries[i].id.key(), std::move(images[i]));
 }
 
@@ -141,9 +143,16 @@ std::string listJson(const List& list, const std::string& name, const std::strin
   return Json::object().set("file", name).set("version", version).set("entries", std::move(entries)).dump();
 }
 
+std::string leftoverMessage(const std::pair<std::string, uint64_t>& leftover) {
+  return fmt::format(
+      "{} ({} bytes) is a temporary file of a change that never finished; the next change of the file "
+      "removes it",
+      quoted(leftover.first), leftover.second);
+}
+
 std::string versionOf(const Input& input) {
   uint32_t major = 0, minor = 0, patch = 0;
-  keloDbgFileVersion(input.path().c_str(), &major, &minor, &patch);
+  input.readVersion(major, minor, patch);
   return fmt::format("{}.{}.{}", major, minor, patch);
 }
 
@@ -163,7 +172,7 @@ void addCommand(const Request& r) {
   std::vector<NewEntry> entries = parseEntries(r.args, kindFrom(r));
   Output out = Output::change(r.file, r.wait);
   refuseSameFile(out, entries, r.file);
-  ListPtr list = readList(out.readPath(), r.file);
+  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
   addEntries(*list, r.file, entries);
   out.writeList(list);
 }
@@ -172,7 +181,7 @@ void removeCommand(const Request& r) {
   std::vector<Id> ids;
   for (const std::string& arg : r.args) ids.push_back(idFrom(arg));
   Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file);
+  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
   for (const Id& id : ids) entryOf(*list, r.file, id);  // all or nothing
   for (const Id& id : ids) list->entries.erase(id.key());
   out.writeList(list);
@@ -191,7 +200,7 @@ void setAddrCommand(const Request& r) {
     for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
   }
   Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file);
+  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
   RelocELF& entry = entryOf(*list, r.file, id);
   for (const auto& p : pairs) {
     if (!entry.elf.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
@@ -207,7 +216,7 @@ void setAddrCommand(const Request& r) {
 void unsetAddrCommand(const Request& r) {
   const Id id = idFrom(r.second);
   Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file);
+  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
   RelocELF& entry = entryOf(*list, r.file, id);
   for (const std::string& name : r.args) {
     if (entry.sectionAddrs.count(name) == 0) {
@@ -227,7 +236,7 @@ void renumberCommand(const Request& r) {
     pairs.push_back({idFrom(oldText).key(), idFrom(newText).key()});
   }
   Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file);
+  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
   if (!list->update(pairs)) {
     using kelo_debuginfo::RenumberRefusal;
     const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::diagnoseRenumbering(list->entries, pairs);
@@ -258,11 +267,10 @@ void mergeCommand(const Request& r) {
   }
   const bool into = !r.into.empty();
   Output out = into ? Output::change(r.into, r.wait) : Output::result(r.file, views, r.wait);
-  ListPtr all = into ? readList(out.readPath(), r.into) : newList();
+  ListPtr all = into ? readList(out.readPath(), r.into, dropsOf(r)) : newList();
   if (into) {
-    const Input target(out.readPath());
     for (const Input* input : views) {
-      if (input->device() == target.device() && input->inode() == target.inode()) {
+      if (out.isFileOf(*input)) {
         fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
       }
     }
@@ -272,7 +280,7 @@ void mergeCommand(const Request& r) {
   for (const Id& id : idsOf(*all)) owner.emplace(id, r.into);
   std::vector<ListPtr> lists;
   for (const auto& input : inputs) {
-    lists.push_back(readList(*input));
+    lists.push_back(input->readList(dropsOf(r)));
     for (const Id& id : idsOf(*lists.back())) {
       auto inserted = owner.emplace(id, input->name());
       if (!inserted.second) {
@@ -289,7 +297,7 @@ void mergeCommand(const Request& r) {
 
 void listCommand(const Request& r) {
   const Input input(r.file);
-  ListPtr list = readList(input);
+  ListPtr list = input.readList();
   if (r.json) return print(listJson(*list, input.name(), versionOf(input)));
   const std::vector<Id> ids = idsOf(*list);
   size_t sizeWidth = 4;  // "SIZE"
@@ -311,7 +319,7 @@ void listCommand(const Request& r) {
 void showCommand(const Request& r) {
   const Input input(r.file);
   const Id id = idFrom(r.second);
-  ListPtr list = readList(input);
+  ListPtr list = input.readList();
   const RelocELF& entry = entryOf(*list, input.name(), id);
   const std::vector<std::string> names = entry.elf.sectionNames();
   const std::map<std::string, unsigned> recorded = sortedSections(entry);
@@ -356,7 +364,7 @@ void extractCommand(const Request& r) {
   const Input input(r.file);
   const Id id = idFrom(r.second);
   Output out = Output::result(r.output, {&input}, r.wait);
-  ListPtr list = readList(input);
+  ListPtr list = input.readList();
   RelocELF& entry = entryOf(*list, input.name(), id);
   const absl::Span<unsigned char const> bytes = entry.elf.bytes();
   out.writeBytes(bytes.data(), bytes.size());
@@ -364,7 +372,7 @@ void extractCommand(const Request& r) {
 
 int diffCommand(const Request& r) {
   const Input a(r.file), b(r.second);
-  ListPtr listA = readList(a), listB = readList(b);
+  ListPtr listA = a.readList(), listB = b.readList();
   std::vector<Id> onlyA, onlyB;
   Json changed = Json::array();
   std::vector<std::string> lines;
@@ -428,22 +436,26 @@ int diffCommand(const Request& r) {
 
 int checkCommand(const Request& r) {
   const Input input(r.file);
-  Report report;
-  try {
-    report = kelo_debuginfo::file::inspectFile(input.path().c_str());
-  } catch (const std::bad_alloc&) {
-    fail(Exit::kNoMemory, input.name(), "out of memory while checking it");
-  }
+  const Report report = input.check();
   if (report.fault == kelo_debuginfo::file::Fault::kOpen)
     fail(Exit::kFileIo, input.name(), std::strerror(report.error));
+  // Temporary files of writers that died beside the file: the next change
+  // removes them, but until then they take room.
+  std::vector<std::pair<std::string, uint64_t>> leftovers;
+  if (!input.isStream()) leftovers = leftoverTemporaries(r.file);
+  for (const auto& l : leftovers) {
+    complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), leftoverMessage(l)));
+  }
+  const uint64_t warningCount = report.warningCount + leftovers.size();
   const bool ok = !report.fault;
   const std::string version =
       report.major ? fmt::format("{}.{}.{}", *report.major, *report.minor, *report.patch) : std::string();
   for (const auto& w : report.warnings)
-    complain(fmt::format("kelodbg: {}: warning: {}\n", input.name(), warningMessage(w.first, w.second)));
+    complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()),
+                         escapeControls(warningMessage(w.first, w.second))));
   if (report.warningCount > report.warnings.size()) {
-    complain(
-        fmt::format("kelodbg: {}: {} more warnings\n", input.name(), report.warningCount - report.warnings.size()));
+    complain(fmt::format("kelodbg: {}: {} more warnings\n", escapeControls(input.name()),
+                         report.warningCount - report.warnings.size()));
   }
   if (r.json) {
     Json doc =
@@ -472,7 +484,15 @@ int checkCommand(const Request& r) {
                         .set("offset", f.place.offset)
                         .set("field", f.place.field));
     }
-    doc.set("warnings", std::move(warnings)).set("warning_count", report.warningCount);
+    for (const auto& l : leftovers) {
+      warnings.push(Json::object()
+                        .set("reason", "leftover-temporary")
+                        .set("message", leftoverMessage(l))
+                        .set("entry", Json())
+                        .set("offset", Json())
+                        .set("field", Json()));
+    }
+    doc.set("warnings", std::move(warnings)).set("warning_count", warningCount);
     print(doc.dump());
   }
   if (!ok) {
@@ -480,13 +500,12 @@ int checkCommand(const Request& r) {
     fail(faultCode(report), input.name(), faultMessage(report));
   }
   if (!r.json && !r.quiet) {
-    print(fmt::format("{}: debug-info file version {}, {} {}{}\n", input.name(), version, report.entries,
-                      report.entries == 1 ? "entry" : "entries",
-                      report.warningCount == 0
-                          ? ""
-                          : fmt::format(", {} warning{}", report.warningCount, report.warningCount == 1 ? "" : "s")));
+    print(fmt::format(
+        "{}: debug-info file version {}, {} {}{}\n", input.name(), version, report.entries,
+        report.entries == 1 ? "entry" : "entries",
+        warningCount == 0 ? "" : fmt::format(", {} warning{}", warningCount, warningCount == 1 ? "" : "s")));
   }
-  return r.strict && report.warningCount != 0 ? static_cast<int>(Exit::kWarnings) : 0;
+  return r.strict && warningCount != 0 ? static_cast<int>(Exit::kWarnings) : 0;
 }
 
 void versionCommand(const Request& r) {
@@ -502,13 +521,7 @@ void versionCommand(const Request& r) {
   }
   const Input input(r.file);
   uint32_t major = 0, minor = 0, patch = 0;
-  if (!keloDbgFileVersion(input.path().c_str(), &major, &minor, &patch)) {
-    Report report = kelo_debuginfo::file::inspectFile(input.path().c_str());
-    if (report.fault == kelo_debuginfo::file::Fault::kOpen)
-      fail(Exit::kFileIo, input.name(), std::strerror(report.error));
-    fail(report.fault ? faultCode(report) : Exit::kFailure, input.name(),
-         report.fault ? faultMessage(report) : "cannot read the version");
-  }
+  input.readVersion(major, minor, patch);
   const bool readable = kelo_debuginfo::format::isReadableVersion(major, minor);
   if (r.json) {
     return print(Json::object()

@@ -21,6 +21,7 @@ struct Request {
   bool json = false;
   bool quiet = false;
   bool strict = false;
+  bool dropUnread = false;  // --drop-unread: a change may drop what reading drops
 };
 
 void createCommand(const Request& r);

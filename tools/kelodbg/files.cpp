@@ -1,6 +1,8 @@
 #include "files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -9,10 +11,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <deque>
 #include <new>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -20,13 +25,34 @@
 
 #include "absl/types/span.h"
 #include "check.h"
+#include "file/format.h"
 #include "file/inspect.h"
 #include "serialize/orvel/io/ReadBuffer.h"
+#include "text.h"
 
 namespace kelodbg {
 namespace {
 
 std::string errnoText(int err) { return err != 0 ? std::strerror(err) : "unknown error"; }
+
+// How much of a stream is read at most (--max-input).
+uint64_t maxInput = kDefaultMaxInput;
+
+// The descriptors that an input reads as a stream: each is read once.
+std::set<int> claimedDescriptors;
+
+void claimDescriptor(int fd, const std::string& name) {
+  if (claimedDescriptors.insert(fd).second) return;
+  fail(Exit::kUsage, {},
+       fmt::format("{} is read twice; a stream can be read only once (save it to a file first)", name));
+}
+
+// "4 GiB", "1 MiB", or bytes.
+std::string sizeText(uint64_t bytes) {
+  if (bytes >= (uint64_t{1} << 30) && bytes % (uint64_t{1} << 30) == 0) return fmt::format("{} GiB", bytes >> 30);
+  if (bytes >= (uint64_t{1} << 20) && bytes % (uint64_t{1} << 20) == 0) return fmt::format("{} MiB", bytes >> 20);
+  return fmt::format("{} bytes", bytes);
+}
 
 // ---- The temporary file to remove when a signal ends the program ----
 //
@@ -139,35 +165,177 @@ std::string baseOf(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// The descriptor that the name of a stream stands for ("-" stands for
+// `dash`), or -1 when `name` is an ordinary path.
+int namedDescriptor(const std::string& name, int dash) {
+  if (name == "-") return dash;
+  if (name == "/dev/stdin") return 0;
+  if (name == "/dev/stdout") return 1;
+  if (name == "/dev/stderr") return 2;
+  for (const char* prefix : {"/dev/fd/", "/proc/self/fd/"}) {
+    const size_t n = std::strlen(prefix);
+    if (name.compare(0, n, prefix) != 0) continue;
+    const std::string digits = name.substr(n);
+    if (digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) return -1;
+    return std::stoi(digits);
+  }
+  return -1;
+}
+
+// ---- Streams read as they arrive ----
+//
+// The checker reads a stream through this tap: it counts what arrives,
+// stops past the limit, and keeps a copy when there is somewhere to keep it.
+struct StreamTap {
+  int fd;
+  int keep;  // -1: nothing kept
+  uint64_t limit;
+  uint64_t seen = 0;
+  bool overLimit = false;
+  bool keepFailed = false;
+  int keepError = 0;
+};
+
+ssize_t tapRead(void* cookie, char* buffer, size_t size) {
+  StreamTap& tap = *static_cast<StreamTap*>(cookie);
+  ssize_t n;
+  for (;;) {
+    n = read(tap.fd, buffer, size);
+    if (n >= 0 || errno == EINTR) {
+      if (n >= 0) break;
+      continue;
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+    // A descriptor left non-blocking by whoever opened it: wait for bytes.
+    struct pollfd p {
+      tap.fd, POLLIN, 0
+    };
+    if (poll(&p, 1, -1) < 0 && errno != EINTR) return -1;
+  }
+  if (n == 0) return 0;
+  if (static_cast<uint64_t>(n) > tap.limit - tap.seen) {
+    tap.overLimit = true;
+    errno = EFBIG;
+    return -1;
+  }
+  tap.seen += static_cast<uint64_t>(n);
+  if (tap.keep >= 0 && !writeAll(tap.keep, reinterpret_cast<unsigned char*>(buffer), static_cast<size_t>(n))) {
+    tap.keepFailed = true;
+    tap.keepError = errno;
+    return -1;
+  }
+  return n;
+}
+
+// A stdio stream that reads through `tap`.
+orvel_lib::io::File tapped(StreamTap& tap, const std::string& name) {
+  cookie_io_functions_t io{tapRead, nullptr, nullptr, nullptr};
+  orvel_lib::io::File file(fopencookie(&tap, "r", io));
+  if (!file) fail(Exit::kNoMemory, name, "out of memory");
+  file.setBuffer(std::size_t{1} << 16);
+  return file;
+}
+
+// The failures that a tap adds to those of what reads through it.
+void checkTap(const StreamTap& tap, const std::string& name) {
+  if (tap.overLimit) {
+    fail(Exit::kFileIo, name,
+         fmt::format("more than {} arrived; a stream is read up to --max-input SIZE (now {}); not read further",
+                     sizeText(tap.limit), sizeText(tap.limit)));
+  }
+  if (tap.keepFailed) fail(Exit::kFileIo, name, "cannot keep a copy in memory: " + errnoText(tap.keepError));
+}
+
+[[noreturn]] void failWith(const Report& report, const std::string& name) {
+  if (report.fault == kelo_debuginfo::file::Fault::kOpen) fail(Exit::kFileIo, name, errnoText(report.error));
+  fail(faultCode(report), name, faultMessage(report));
+}
+
+Report inspectPath(const std::string& path, const std::string& name) {
+  try {
+    return kelo_debuginfo::file::inspectFile(path.c_str());
+  } catch (const std::bad_alloc&) {
+    fail(Exit::kNoMemory, name, "out of memory while reading it");
+  }
+}
+
 // What an output name refers to once symbolic links are followed.
 struct Target {
   std::string path;  // the file itself (links followed); the name as given when it does not exist
   bool exists = false;
+  bool viaLink = false;  // the name's last component is a symbolic link, followed
   struct stat st {};
 };
 
-// Follows `name` to the file it stands for. Refuses dangling and looping
-// links, which would otherwise be replaced by a regular file.
+// The kernel's rule for following a symbolic link in a sticky folder that
+// everyone may write to: only a link of the folder's owner or of the user
+// who follows it. Otherwise anyone could point a name that another user is
+// about to write at that user's files.
+void checkLinkOwner(const std::string& folder, const struct stat& link, const std::string& name) {
+  struct stat dir;
+  if (stat(folder.empty() ? "." : folder.c_str(), &dir) != 0) fail(Exit::kFileIo, name, errnoText(errno));
+  const bool shared = (dir.st_mode & S_ISVTX) != 0 && (dir.st_mode & S_IWOTH) != 0;
+  if (!shared || link.st_uid == geteuid() || link.st_uid == dir.st_uid) return;
+  fail(Exit::kUnsafe, name,
+       fmt::format("a symbolic link owned by user {} in the shared folder {}, which belongs to user {}; not followed "
+                   "(a link there is followed only when the folder's owner or you made it)",
+                   link.st_uid, quoted(folder.empty() ? "." : folder), dir.st_uid));
+}
+
+// Follows `name` to the file it stands for, one component at a time as the
+// kernel does, so that every link on the way is judged by the rule above.
+// Refuses dangling and looping links, which would otherwise be replaced by
+// a regular file.
 Target resolve(const std::string& name) {
+  constexpr int kMaxLinks = 40;  // as the kernel counts them
+  std::deque<std::string> rest;
+  const auto split = [](const std::string& path, std::deque<std::string>& into) {
+    std::deque<std::string> parts;
+    size_t start = 0;
+    while (start <= path.size()) {
+      size_t end = path.find('/', start);
+      if (end == std::string::npos) end = path.size();
+      std::string part = path.substr(start, end - start);
+      if (!part.empty() && part != ".") parts.push_back(std::move(part));
+      start = end + 1;
+    }
+    into.insert(into.begin(), parts.begin(), parts.end());
+  };
+  split(name, rest);
   Target t;
-  struct stat lst;
-  if (lstat(name.c_str(), &lst) != 0) {
-    if (errno != ENOENT) fail(Exit::kFileIo, name, errnoText(errno));
-    t.path = name;
-    return t;
+  std::string done = !name.empty() && name[0] == '/' ? "/" : "";
+  int links = 0;
+  while (!rest.empty()) {
+    const std::string part = std::move(rest.front());
+    rest.pop_front();
+    const std::string path = done.empty() ? part : done.back() == '/' ? done + part : done + "/" + part;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+      if (errno != ENOENT || !rest.empty()) fail(Exit::kFileIo, name, errnoText(errno));
+      // A missing last component is a new name, unless a link points there.
+      if (t.viaLink) fail(Exit::kUnsafe, name, "a dangling symbolic link; refused, and left as it is");
+      t.path = path;
+      return t;
+    }
+    if (!S_ISLNK(st.st_mode)) {
+      done = path;
+      continue;
+    }
+    if (++links > kMaxLinks) fail(Exit::kUnsafe, name, "a symbolic link loop; refused, and left as it is");
+    checkLinkOwner(done, st, name);
+    std::string target(static_cast<size_t>(st.st_size > 0 ? st.st_size : PATH_MAX) + 1, '\0');
+    const ssize_t n = readlink(path.c_str(), &target[0], target.size());
+    if (n < 0) fail(Exit::kFileIo, name, errnoText(errno));
+    target.resize(static_cast<size_t>(n));
+    if (!target.empty() && target[0] == '/') done = "/";
+    // The name ends where this link points when the link was its last
+    // component.
+    if (rest.empty()) t.viaLink = true;
+    split(target, rest);
   }
+  t.path = done.empty() ? "." : done;
   t.exists = true;
-  t.st = lst;
-  t.path = name;
-  if (!S_ISLNK(lst.st_mode)) return t;
-  if (stat(name.c_str(), &t.st) != 0) {
-    if (errno == ENOENT) fail(Exit::kUnsafe, name, "a dangling symbolic link; refused, and left as it is");
-    if (errno == ELOOP) fail(Exit::kUnsafe, name, "a symbolic link loop; refused, and left as it is");
-    fail(Exit::kFileIo, name, errnoText(errno));
-  }
-  char resolved[PATH_MAX];
-  if (realpath(name.c_str(), resolved) == nullptr) fail(Exit::kFileIo, name, errnoText(errno));
-  t.path = resolved;
+  if (stat(t.path.c_str(), &t.st) != 0) fail(Exit::kFileIo, name, errnoText(errno));
   return t;
 }
 
@@ -227,9 +395,78 @@ Fd lockFile(const std::string& path, const std::string& name, double waitSeconds
   }
 }
 
+// Temporary files are named ".BASE.kelodbg-XXXXXX" (BASE: at most the first
+// 100 bytes of the target's name, so that the name fits NAME_MAX).
+constexpr const char* kTemporaryMark = ".kelodbg-";
+constexpr size_t kTemporarySuffix = 6;
+constexpr const char kTemporaryLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+
+std::string temporaryPrefix(const std::string& target) { return "." + baseOf(target).substr(0, 100) + kTemporaryMark; }
+
+bool isTemporaryOf(const std::string& prefix, const char* name) {
+  const size_t length = std::strlen(name);
+  if (length != prefix.size() + kTemporarySuffix || std::strncmp(name, prefix.c_str(), prefix.size()) != 0)
+    return false;
+  for (size_t i = prefix.size(); i < length; ++i) {
+    if (std::strchr(kTemporaryLetters, name[i]) == nullptr || name[i] == '\0') return false;
+  }
+  return true;
+}
+
+// The temporary files beside `target` that no writer holds any more: the
+// writer locks its temporary file before it has a name, and the lock goes
+// only with the writer's process. Each is removed when `remove` is set.
+std::vector<std::pair<std::string, uint64_t>> deadTemporaries(int dir, const std::string& target, bool remove) {
+  std::vector<std::pair<std::string, uint64_t>> found;
+  const int listed = dup(dir);
+  if (listed < 0) return found;
+  DIR* folder = fdopendir(listed);
+  if (folder == nullptr) {
+    close(listed);
+    return found;
+  }
+  rewinddir(folder);
+  const std::string prefix = temporaryPrefix(target);
+  while (const struct dirent* e = readdir(folder)) {
+    if (!isTemporaryOf(prefix, e->d_name)) continue;
+    Fd fd(openat(dir, e->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat st;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;  // a live writer's
+    // Removed only while it is still the file that was found unlocked.
+    struct stat now;
+    if (remove && (fstatat(dir, e->d_name, &now, AT_SYMLINK_NOFOLLOW) != 0 || now.st_ino != st.st_ino ||
+                   now.st_dev != st.st_dev || unlinkat(dir, e->d_name, 0) != 0)) {
+      continue;
+    }
+    found.emplace_back(e->d_name, static_cast<uint64_t>(st.st_size));
+  }
+  closedir(folder);
+  return found;
+}
+
+// Six letters for a temporary name: random, or, where no randomness is to
+// be had, different in each process and attempt. Exclusive creation keeps
+// even a guessed name safe; the letters only make collisions rare.
+std::string temporaryLetters(int attempt) {
+  unsigned char random[kTemporarySuffix];
+  if (getrandom(random, sizeof random, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof random)) {
+    uint64_t x = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+                 (static_cast<uint64_t>(getpid()) << 32) ^ static_cast<uint64_t>(attempt);
+    for (unsigned char& r : random) {
+      x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+      r = static_cast<unsigned char>(x);
+    }
+  }
+  std::string letters;
+  for (unsigned char r : random) letters += kTemporaryLetters[r % 36];
+  return letters;
+}
+
 // A temporary file next to the target, made so that it cannot be anything
-// but a new file of ours: O_EXCL and O_NOFOLLOW in an open folder. Its name
-// fits NAME_MAX whatever the target's length.
+// but a new file of ours, and locked before it has a name: an unnamed file
+// (O_TMPFILE) linked to a name that must not exist, or, where the file
+// system has no unnamed files, O_EXCL and O_NOFOLLOW in an open folder.
 struct Temporary {
   Fd dir;
   Fd fd;
@@ -238,24 +475,37 @@ struct Temporary {
   Temporary(const std::string& target, const std::string& display) {
     dir = Fd(open(directoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() < 0) fail(Exit::kFileIo, display, "cannot open its folder: " + errnoText(errno));
-    const std::string base = baseOf(target).substr(0, 100);
+    const std::string prefix = temporaryPrefix(target);
+    Fd unnamed(openat(dir.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (unnamed.get() >= 0 && flock(unnamed.get(), LOCK_EX) != 0) unnamed.reset();
     for (int attempt = 0;; ++attempt) {
-      unsigned char random[6];
-      if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
-        for (unsigned char& r : random) r = static_cast<unsigned char>(std::rand());
-      }
-      std::string candidate = "." + base + ".kelodbg-";
-      for (unsigned char r : random) candidate += "abcdefghijklmnopqrstuvwxyz0123456789"[r % 36];
+      std::string candidate = prefix + temporaryLetters(attempt);
       SignalsBlocked blocked;
-      fd = Fd(openat(dir.get(), candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+      int err = 0;
+      if (unnamed.get() >= 0) {
+        const std::string from = descriptorPath(unnamed.get());
+        if (linkat(AT_FDCWD, from.c_str(), dir.get(), candidate.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+          fd = std::move(unnamed);
+        } else if ((err = errno) != EEXIST) {
+          unnamed.reset();  // it cannot be named here: make a named one instead
+          err = EEXIST;
+        }
+      } else {
+        fd = Fd(openat(dir.get(), candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        // Leftovers are removed only by a writer that holds the target's
+        // lock, which every writer of an existing target holds too; so only
+        // a writer of a new name is ever unlocked for this moment.
+        if (fd.get() >= 0) flock(fd.get(), LOCK_EX);
+        err = errno;
+      }
       if (fd.get() >= 0) {
         name = std::move(candidate);
         std::memcpy(pendingName, name.c_str(), name.size() + 1);
         pendingDir = dir.get();
         return;
       }
-      if (errno != EEXIST || attempt > 100) {
-        fail(Exit::kFileIo, display, "cannot create a temporary file beside it: " + errnoText(errno));
+      if (err != EEXIST || attempt > 100) {
+        fail(Exit::kFileIo, display, "cannot create a temporary file beside it: " + errnoText(err));
       }
     }
   }
@@ -279,7 +529,20 @@ struct Temporary {
 
 }  // namespace
 
-void setUpSignals() {
+void setUpProcess() {
+  // A closed standard descriptor gets a placeholder that fails every use:
+  // the write end of a pipe for reading, the read end for writing.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+    int ends[2];
+    if (pipe(ends) != 0) continue;
+    const int keep = fd == 0 ? ends[1] : ends[0];
+    if (keep != fd) dup2(keep, fd);
+    for (int end : ends) {
+      if (end != fd) close(end);
+    }
+  }
+
   struct sigaction action {};
   action.sa_handler = onSignal;
   sigemptyset(&action.sa_mask);
@@ -294,6 +557,10 @@ void setUpSignals() {
   std::signal(SIGXFSZ, SIG_IGN);
 }
 
+void setMaxInput(uint64_t bytes) { maxInput = bytes; }
+
+void claimStandardInput(const char* what) { claimDescriptor(0, what); }
+
 std::string descriptorPath(int fd) {
   static const bool haveProc = access("/proc/self/fd", X_OK) == 0;
   return fmt::format("{}/{}", haveProc ? "/proc/self/fd" : "/dev/fd", fd);
@@ -302,71 +569,133 @@ std::string descriptorPath(int fd) {
 // ---- Inputs ----
 
 Input::Input(const std::string& name) : display_(displayName(name, "<stdin>")) {
-  struct stat st;
-  int fd = 0;
+  int fd = namedDescriptor(name, 0);
+  const bool named = fd >= 0;
   Fd opened;
-  if (name != "-") {
+  if (named) {
+    if (fcntl(fd, F_GETFD) < 0) fail(Exit::kFileIo, display_, "not an open descriptor");
+  } else {
     opened = Fd(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (opened.get() < 0) fail(Exit::kFileIo, display_, errnoText(errno));
     fd = opened.get();
   }
+  struct stat st;
   if (fstat(fd, &st) != 0) fail(Exit::kFileIo, display_, errnoText(errno));
   if (S_ISDIR(st.st_mode)) fail(Exit::kFileIo, display_, "a directory");
   device_ = st.st_dev;
   inode_ = st.st_ino;
+  // Standard input is one reader's, whatever it is; another descriptor
+  // only when it is a stream (a regular file reads again from its start).
+  if (named && (fd == 0 || !S_ISREG(st.st_mode))) claimDescriptor(fd, display_);
   if (S_ISREG(st.st_mode)) {
-    path_ = name == "-" ? descriptorPath(0) : name;
+    path_ = named ? descriptorPath(fd) : name;
     return;
   }
-  // A stream can be read once only: keep a copy to read (and, after a
-  // failure, to explain) from.
-  Fd spool = memoryFile("kelodbg-input");
-  bool readFailed = false;
-  if (!copyAll(fd, spool.get(), readFailed)) {
-    fail(Exit::kFileIo, display_, readFailed ? errnoText(errno) : "cannot keep a copy: " + errnoText(errno));
-  }
-  spool_ = spool.release();
-  path_ = descriptorPath(spool_);
+  ownsFd_ = !named;
+  streamFd_ = named ? fd : opened.release();
 }
 
 Input::~Input() {
   if (spool_ >= 0) close(spool_);
+  if (ownsFd_) close(streamFd_);
 }
 
-ListPtr readList(const Input& input) { return readList(input.path(), input.name()); }
-
-ListPtr readList(const std::string& path, const std::string& name) {
-  ListPtr list(keloDbgRead(path.c_str()));
-  if (list) return list;
-  // The library does not say why; the checker does.
+Report Input::readStream(bool keep) const {
+  Fd kept;
+  if (keep) kept = memoryFile("kelodbg-input");
+  StreamTap tap{streamFd_, kept.get(), maxInput};
   Report report;
-  try {
-    report = kelo_debuginfo::file::inspectFile(path.c_str());
-  } catch (const std::bad_alloc&) {
-    fail(Exit::kNoMemory, name, "out of memory while reading it");
+  {
+    orvel_lib::io::File file = tapped(tap, display_);
+    try {
+      report = kelo_debuginfo::file::inspect(file);
+    } catch (const std::bad_alloc&) {
+      checkTap(tap, display_);
+      fail(Exit::kNoMemory, display_, "out of memory while reading it");
+    }
   }
-  if (!report.fault) fail(Exit::kNoMemory, name, "out of memory while reading it (the file itself checks out)");
-  if (report.fault == kelo_debuginfo::file::Fault::kOpen) fail(Exit::kFileIo, name, errnoText(report.error));
-  fail(faultCode(report), name, faultMessage(report));
+  checkTap(tap, display_);
+  spool_ = kept.release();
+  return report;
 }
 
-kelo_elf::ELF loadElf(const Input& input) {
+ListPtr Input::readList(Drops drops) const {
+  if (!isStream()) return kelodbg::readList(path_, display_, drops);
+  // A stream is checked as it arrives, and kept for the read once it checks
+  // out (it can be read only once).
+  if (spool_ < 0) spoolReport_ = readStream(true);
+  if (spoolReport_.fault) failWith(spoolReport_, display_);
+  if (drops == Drops::kRefuse) refuseDrops(spoolReport_, display_);
+  errno = 0;
+  ListPtr list(keloDbgRead(descriptorPath(spool_).c_str()));
+  if (!list && errno != 0 && errno != ENOMEM) fail(Exit::kFileIo, display_, errnoText(errno));
+  if (!list) fail(Exit::kNoMemory, display_, "out of memory while reading it (the file itself checks out)");
+  return list;
+}
+
+Report Input::check() const {
+  if (isStream()) return readStream(false);
+  return inspectPath(path_, display_);
+}
+
+void Input::readVersion(uint32_t& major, uint32_t& minor, uint32_t& patch) const {
+  if (!isStream() || spool_ >= 0) {
+    // A file, or a stream already kept.
+    const std::string path = isStream() ? descriptorPath(spool_) : path_;
+    if (keloDbgFileVersion(path.c_str(), &major, &minor, &patch)) return;
+    const Report report = inspectPath(path, display_);
+    if (report.fault) failWith(report, display_);
+    fail(Exit::kFailure, display_, "cannot read the version");
+  }
+  // Only the header is read, so that an endless stream ends here.
+  StreamTap tap{streamFd_, -1, kelo_debuginfo::format::kHeaderSize};
+  unsigned char header[kelo_debuginfo::format::kHeaderSize];
+  size_t got = 0;
+  while (got < sizeof header) {
+    const ssize_t n = tapRead(&tap, reinterpret_cast<char*>(header) + got, sizeof header - got);
+    if (n < 0) fail(Exit::kFileIo, display_, errnoText(errno));
+    if (n == 0) break;
+    got += static_cast<size_t>(n);
+  }
+  if (got < sizeof kelo_debuginfo::format::kMagic || !kelo_debuginfo::format::isMagic(header)) {
+    fail(Exit::kNotDebugInfo, display_, "not a debug-info file (wrong magic)");
+  }
+  if (got < sizeof header) fail(Exit::kDamaged, display_, "damaged debug-info file: it ends inside the version");
+  const unsigned char* version = header + sizeof kelo_debuginfo::format::kMagic;
+  major = version[0];
+  minor = version[1];
+  patch = version[2];
+}
+
+kelo_elf::ELF Input::loadElf() const {
+  constexpr const char* kTooLarge = "larger than 4 GiB; an image is at most 4 GiB - 1 bytes";
   struct FileClose {
     void operator()(std::FILE* f) const { std::fclose(f); }
   };
-  std::unique_ptr<std::FILE, FileClose> file(std::fopen(input.path().c_str(), "rb"));
-  struct stat st;
-  if (!file || fstat(fileno(file.get()), &st) != 0) fail(Exit::kFileIo, input.name(), errnoText(errno));
-  std::setvbuf(file.get(), nullptr, _IONBF, 0);  // straight into the image's block
-  constexpr const char* kTooLarge = "larger than 4 GiB; an image is at most 4 GiB - 1 bytes";
+  std::unique_ptr<std::FILE, FileClose> opened;
+  StreamTap tap{streamFd_, -1, std::min<uint64_t>(maxInput, UINT32_MAX)};
+  orvel_lib::io::File tappedFile(nullptr);
+  std::FILE* file;
+  absl::optional<uint64_t> size;
+  if (isStream()) {
+    tappedFile = tapped(tap, display_);
+    file = tappedFile.get();
+  } else {
+    opened.reset(std::fopen(path_.c_str(), "rb"));
+    struct stat st;
+    if (!opened || fstat(fileno(opened.get()), &st) != 0) fail(Exit::kFileIo, display_, errnoText(errno));
+    std::setvbuf(opened.get(), nullptr, _IONBF, 0);  // straight into the image's block
+    file = opened.get();
+    size = static_cast<uint64_t>(st.st_size);
+  }
   try {
     // The bytes land in the block that the image takes over: one copy of
     // the file in memory.
     orvel_lib::io::Block block;
-    if (!orvel_lib::io::readToEnd(file.get(), block, kelo_elf::ELFBytes::kMaxAdoptRoom, UINT32_MAX,
-                                  static_cast<uint64_t>(st.st_size))) {
-      if (std::ferror(file.get())) fail(Exit::kFileIo, input.name(), errnoText(errno));
-      fail(Exit::kBadElf, input.name(), kTooLarge);
+    if (!orvel_lib::io::readToEnd(file, block, kelo_elf::ELFBytes::kMaxAdoptRoom, UINT32_MAX, size)) {
+      checkTap(tap, display_);
+      if (std::ferror(file)) fail(Exit::kFileIo, display_, errnoText(errno));
+      fail(Exit::kBadElf, display_, kTooLarge);
     }
     absl::optional<kelo_elf::ELF> image;
     if (block.size() != 0) {
@@ -376,26 +705,83 @@ kelo_elf::ELF loadElf(const Input& input) {
       // exhausted memory (std::bad_alloc).
       image = kelo_elf::ELF::adopt(std::move(bytes));
     }
-    if (!image) fail(Exit::kBadElf, input.name(), "not an ELF file that can be loaded");
+    if (!image) fail(Exit::kBadElf, display_, "not an ELF file that can be loaded");
     return std::move(*image);
   } catch (const std::bad_alloc&) {
-    fail(Exit::kNoMemory, input.name(), "out of memory while loading it");
+    fail(Exit::kNoMemory, display_, "out of memory while loading it");
   } catch (const orvel_lib::io::LengthError&) {
-    fail(Exit::kBadElf, input.name(), kTooLarge);
+    fail(Exit::kBadElf, display_, kTooLarge);
   }
+}
+
+ListPtr readList(const std::string& path, const std::string& name, Drops drops) {
+  if (drops == Drops::kRefuse) {
+    const Report report = inspectPath(path, name);
+    if (report.fault) failWith(report, name);
+    refuseDrops(report, name);
+  }
+  ListPtr list(keloDbgRead(path.c_str()));
+  if (list) return list;
+  // The library does not say why; the checker does.
+  const Report report = inspectPath(path, name);
+  if (!report.fault) fail(Exit::kNoMemory, name, "out of memory while reading it (the file itself checks out)");
+  failWith(report, name);
+}
+
+void refuseDrops(const Report& report, const std::string& name) {
+  if (report.dropCount == 0) return;
+  std::string lost;
+  uint64_t told = 0;
+  for (const auto& w : report.warnings) {
+    if (w.first == kelo_debuginfo::file::Warning::kKindAboveC || told == 3) continue;
+    lost += (told++ == 0 ? "" : "; ") + warningMessage(w.first, w.second);
+  }
+  if (report.dropCount > told) lost += fmt::format("; and {} more", report.dropCount - told);
+  fail(Exit::kUnsafe, name,
+       fmt::format("holds what reading drops, which writing it back would lose: {}. Nothing was written (--drop-unread "
+                   "writes it without them; 'kelodbg check' lists them all)",
+                   lost));
+}
+
+std::vector<std::pair<std::string, uint64_t>> leftoverTemporaries(const std::string& path) {
+  char resolved[PATH_MAX];
+  const std::string target = realpath(path.c_str(), resolved) != nullptr ? resolved : path;
+  Fd dir(open(directoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.get() < 0) return {};
+  return deadTemporaries(dir.get(), target, false);
 }
 
 // ---- Outputs ----
 
+namespace {
+
+// Opens the name the way any program would, so that the kernel's own checks
+// on following links apply too, and makes sure it reaches the file that
+// resolve() found.
+void openAsGiven(const std::string& name, const Target& target) {
+  if (!target.viaLink) return;
+  Fd fd(open(name.c_str(), O_PATH | O_CLOEXEC));
+  struct stat st;
+  if (fd.get() < 0) {
+    fail(errno == EACCES ? Exit::kUnsafe : Exit::kFileIo, name, "cannot follow it: " + errnoText(errno));
+  }
+  if (fstat(fd.get(), &st) != 0 || st.st_dev != target.st.st_dev || st.st_ino != target.st.st_ino) {
+    fail(Exit::kUnsafe, name, "changed while it was followed; not changed");
+  }
+}
+
+}  // namespace
+
 Output Output::change(const std::string& name, double waitSeconds) {
   Output out;
-  out.display_ = name;
-  if (name == "-") fail(Exit::kUnsafe, "<stdin>", "a change needs a regular file, not a stream");
+  out.display_ = displayName(name, "<stdin>");
+  if (namedDescriptor(name, 0) >= 0) fail(Exit::kUnsafe, out.display_, "a change needs a regular file, not a stream");
   const Target target = resolve(name);
   if (!target.exists) fail(Exit::kFileIo, name, errnoText(ENOENT));
   if (!S_ISREG(target.st.st_mode)) {
     fail(Exit::kUnsafe, name, fmt::format("{}; a change needs a regular file", kindOf(target.st.st_mode)));
   }
+  openAsGiven(name, target);
   struct stat st;
   Fd lock = lockFile(target.path, name, waitSeconds, st);
   checkReplaceable(target.path, st);
@@ -404,6 +790,8 @@ Output Output::change(const std::string& name, double waitSeconds) {
   out.mode_ = st.st_mode & 07777;
   out.uid_ = st.st_uid;
   out.gid_ = st.st_gid;
+  out.device_ = st.st_dev;
+  out.inode_ = st.st_ino;
   out.lockFd_ = lock.release();
   out.readPath_ = descriptorPath(out.lockFd_);
   return out;
@@ -414,10 +802,15 @@ Output Output::result(const std::string& name, const std::vector<const Input*>& 
   out.display_ = displayName(name, "<stdout>");
   struct stat st {};
   bool exists = true;
-  if (name == "-") {
-    // Standard output is a stream even when it is redirected to a file.
-    if (fstat(1, &st) != 0) fail(Exit::kFileIo, out.display_, errnoText(errno));
+  const int named = namedDescriptor(name, 1);
+  if (named >= 0) {
+    // The descriptor itself, written where it stands: appending to a
+    // redirected standard output keeps what is already there.
+    if (fstat(named, &st) != 0) fail(Exit::kFileIo, out.display_, "not an open descriptor");
+    const int flags = fcntl(named, F_GETFL);
+    if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY) fail(Exit::kFileIo, out.display_, "not open for writing");
     out.isStream_ = true;
+    out.streamFd_ = named;
   } else {
     const Target target = resolve(name);
     out.target_ = target.path;
@@ -429,6 +822,7 @@ Output Output::result(const std::string& name, const std::vector<const Input*>& 
         fail(Exit::kUnsafe, name, fmt::format("{}; refused as an output", kindOf(st.st_mode)));
       }
       out.isStream_ = type != S_IFREG;
+      openAsGiven(name, target);
     }
   }
   for (const Input* input : inputs) {
@@ -437,14 +831,12 @@ Output Output::result(const std::string& name, const std::vector<const Input*>& 
            fmt::format("is also the input {}; refused before anything was written", input->name()));
     }
   }
-  if (out.isStream_) {
-    out.streamFd_ = 1;
-    if (name != "-") {
-      // Blocks until a FIFO has a reader, as writing to it would.
-      out.streamFd_ = open(out.target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
-      if (out.streamFd_ < 0) fail(Exit::kFileIo, out.display_, errnoText(errno));
-    }
-  } else if (exists) {
+  if (out.isStream_ && named < 0) {
+    // Blocks until a FIFO has a reader, as writing to it would.
+    out.streamFd_ = open(out.target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    if (out.streamFd_ < 0) fail(Exit::kFileIo, out.display_, errnoText(errno));
+    out.ownsStream_ = true;
+  } else if (!out.isStream_ && exists) {
     // An existing file: wait for a change in progress, refuse what must not
     // be replaced, and keep its mode, owner and group.
     Fd lock = lockFile(out.target_, name, waitSeconds, st);
@@ -455,6 +847,8 @@ Output Output::result(const std::string& name, const std::vector<const Input*>& 
     out.gid_ = st.st_gid;
     out.lockFd_ = lock.release();
   }
+  out.device_ = st.st_dev;
+  out.inode_ = st.st_ino;
   return out;
 }
 
@@ -464,20 +858,30 @@ Output::Output(Output&& o) noexcept
       readPath_(std::move(o.readPath_)),
       isStream_(o.isStream_),
       streamFd_(std::exchange(o.streamFd_, -1)),
+      ownsStream_(std::exchange(o.ownsStream_, false)),
       lockFd_(std::exchange(o.lockFd_, -1)),
       existed_(o.existed_),
       mode_(o.mode_),
       uid_(o.uid_),
-      gid_(o.gid_) {}
+      gid_(o.gid_),
+      device_(o.device_),
+      inode_(o.inode_) {}
 
 Output::~Output() {
-  if (streamFd_ > 2) close(streamFd_);
+  if (ownsStream_) close(streamFd_);
   if (lockFd_ >= 0) close(lockFd_);  // releases the lock
+}
+
+bool Output::isFileOf(const Input& input) const {
+  return existed_ && input.device() == device_ && input.inode() == inode_;
 }
 
 template <typename WriteTo>
 void Output::replace(WriteTo&& write) {
   Temporary temp(target_, display_);
+  // Writers that died (kill -9) left their temporary files; this writer
+  // holds the file's lock, so whatever is unlocked now is a leftover.
+  if (existed_) deadTemporaries(temp.dir.get(), target_, true);
   write(temp.fd.get());
   // The replacement keeps the old file's owner and group where this process
   // may set them, and its mode (after the owner, which may clear set-id

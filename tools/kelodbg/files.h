@@ -1,23 +1,36 @@
 // Files as kelodbg reads and writes them, safely.
 //
-// Reading: an input is a path or "-" (standard input). What is not a regular
-// file (standard input, a pipe, a device) is first read into memory once,
-// so that a failure can be explained by reading it again. A failed read is
-// explained after the fact by the file checker (what is wrong, and where),
-// and a failure that the checker cannot see is reported as what it is: out
-// of memory.
+// Names of streams: "-", /dev/stdin, /dev/stdout, /dev/stderr, /dev/fd/N and
+// /proc/self/fd/N stand for the open descriptor itself. It is read or
+// written where it stands (appending keeps its place), never reopened by
+// name, and each descriptor is read by one input at most.
+//
+// Reading: an input is a regular file (read by name) or a stream (standard
+// input, a pipe, a device). A stream is read as it arrives and checked
+// field by field on the way, so that a wrong magic or a damaged entry stops
+// the read at once; what must be kept of it (a list, to read it after the
+// check) is kept in memory up to a limit that --max-input raises. A failed
+// read is explained by the file checker (what is wrong, and where), and a
+// failure that the checker cannot see is reported as what it is: out of
+// memory.
 //
 // Writing: an output is replaced or streamed, never half-written.
 //   - A regular file (or a new name) is replaced: the content goes to a
-//     temporary file created beside it (O_EXCL, O_NOFOLLOW), which keeps the
-//     old file's mode, owner and group, is synced, and is renamed over the
-//     old name; the folder is synced after that. Only the descriptor is used
-//     after the temporary file is made. SIGINT, SIGTERM, SIGHUP and SIGPIPE
-//     remove the temporary file before the program ends.
+//     temporary file created beside it (exclusively: a name that exists is
+//     never reused), which keeps the old file's mode, owner and group, is
+//     synced, and is renamed over the old name; the folder is synced after
+//     that. The temporary file is locked (flock) from before it has a name
+//     until it is renamed or removed, so that the next change of the file
+//     can tell a dead writer's leftover (unlocked) from a live one's, and
+//     removes it. SIGINT, SIGTERM, SIGHUP and SIGPIPE remove the temporary
+//     file before the program ends.
 //   - A symbolic link is followed: its target is what gets replaced. A
-//     dangling or looping link is refused and left alone.
-//   - Standard output ("-"), a FIFO or a character device is written as a
-//     stream, never replaced.
+//     dangling or looping link is refused and left alone, and so is a link
+//     in a sticky world-writable folder that belongs neither to the folder's
+//     owner nor to the user running the tool (whatever the kernel is set to
+//     enforce).
+//   - Standard output, a FIFO or a character device is written as a stream,
+//     never replaced.
 //   - Directories, sockets and block devices are refused, and so are a file
 //     that is also an input, a read-only file, and a file with more than one
 //     hard link (replacing it would split it from its other names).
@@ -28,30 +41,51 @@
 // Because the replacement is a new file, a waiting process that gets the
 // lock checks that the name still refers to the file it locked, and starts
 // over on the new one when it does not. Readers need no lock: they see the
-// old file or the new one, never a mix.
+// old file or the new one, never a mix. A change refuses a file that holds
+// what reading drops (repeated identifiers or section records, trailing
+// bytes, prefixes with a high half), unless it is told to drop them.
 #ifndef KELODBG_FILES_H_
 #define KELODBG_FILES_H_
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "file/inspect.h"
 #include "kelo/elf.hpp"
 #include "tool.h"
 
 namespace kelodbg {
 
+using kelo_debuginfo::file::Report;
+
 // Installs the signal handling that keeps temporary files from being left
-// behind, and ignores SIGXFSZ so that an oversized write fails with a
-// message instead of killing the program. Call once, first thing.
-void setUpSignals();
+// behind, ignores SIGXFSZ so that an oversized write fails with a message
+// instead of killing the program, and puts a placeholder on a closed
+// standard descriptor (reads or writes through it fail with EBADF), so that
+// no file opened later takes its number. Call once, first thing.
+void setUpProcess();
+
+// How much of a stream an input keeps in memory at most (--max-input).
+constexpr uint64_t kDefaultMaxInput = uint64_t{4} << 30;
+void setMaxInput(uint64_t bytes);
+
+// Marks standard input as read by `what` (an @- argument, the addresses of
+// addr2line). A second reader of one stream is a usage error.
+void claimStandardInput(const char* what);
+
+// What to do with a file that holds what reading drops.
+enum class Drops { kIgnore, kRefuse, kDrop };
 
 // A file named on the command line as an input.
 class Input {
  public:
-  // "-" is standard input. Throws Failure when the file cannot be opened.
+  // Opens `name` (a path or the name of a stream). Throws Failure when it
+  // cannot be opened, or when it names a stream that another input reads.
   explicit Input(const std::string& name);
   ~Input();
   Input(const Input&) = delete;
@@ -59,29 +93,48 @@ class Input {
 
   // The name for messages ("<stdin>" for "-").
   const std::string& name() const { return display_; }
-  // A name the libraries can open for reading.
-  const std::string& path() const { return path_; }
+  bool isStream() const { return streamFd_ >= 0; }
   // The file's device and inode, for recognising an output that is also an
   // input.
   dev_t device() const { return device_; }
   ino_t inode() const { return inode_; }
 
+  // Reads the debug-info file, explaining every failure. With Drops::kRefuse
+  // a file that holds what reading drops is refused (exit 14).
+  ListPtr readList(Drops drops = Drops::kIgnore) const;
+  // Checks the file (for `check`); a stream is checked as it arrives and not
+  // kept.
+  Report check() const;
+  // The version bytes of a debug-info file; only the header is read.
+  void readVersion(uint32_t& major, uint32_t& minor, uint32_t& patch) const;
+  // Loads the ELF file, telling a file that is not an ELF file the image
+  // library can load from exhausted memory.
+  kelo_elf::ELF loadElf() const;
+
  private:
+  // A stream read through the checker, its bytes kept in spool_ when `keep`.
+  Report readStream(bool keep) const;
+
   std::string display_;
-  std::string path_;
-  int spool_ = -1;
+  std::string path_;     // a regular file: a name the libraries can open
+  int streamFd_ = -1;    // a stream: the descriptor read
+  bool ownsFd_ = false;  // the stream was opened here (not a named descriptor)
+  mutable int spool_ = -1;
+  mutable Report spoolReport_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };
 
-// Reads the debug-info file `input`, explaining every failure.
-ListPtr readList(const Input& input);
-// The same for a path and a name for messages.
-ListPtr readList(const std::string& path, const std::string& name);
+// Reads the debug-info file at `path` (a name the library can open; `name`
+// is the file's name for messages).
+ListPtr readList(const std::string& path, const std::string& name, Drops drops = Drops::kIgnore);
 
-// Loads the ELF file `input`, telling a file that is not an ELF file the
-// image library can load from exhausted memory.
-kelo_elf::ELF loadElf(const Input& input);
+// Refuses (exit 14) a file whose check found what reading drops, naming it.
+void refuseDrops(const Report& report, const std::string& name);
+
+// Temporary files of writers that stopped without removing them, beside
+// `path`: their names and sizes.
+std::vector<std::pair<std::string, uint64_t>> leftoverTemporaries(const std::string& path);
 
 // Where a command's result goes.
 class Output {
@@ -98,6 +151,9 @@ class Output {
   Output(Output&& other) noexcept;
   Output& operator=(Output&&) = delete;
   ~Output();
+
+  // Whether the file that a change replaces is `input`.
+  bool isFileOf(const Input& input) const;
 
   // For change(): the name to read the locked file through.
   const std::string& readPath() const { return readPath_; }
@@ -117,12 +173,15 @@ class Output {
   std::string target_;    // the file replaced (symbolic links followed)
   std::string readPath_;  // change(): the locked descriptor's name
   bool isStream_ = false;
-  int streamFd_ = -1;     // result() to a stream: the open descriptor
-  int lockFd_ = -1;       // the locked file, when one exists
-  bool existed_ = false;  // the target existed (mode, owner and group to keep)
+  int streamFd_ = -1;        // result() to a stream: the open descriptor
+  bool ownsStream_ = false;  // streamFd_ was opened here
+  int lockFd_ = -1;          // the locked file, when one exists
+  bool existed_ = false;     // the target existed (mode, owner and group to keep)
   mode_t mode_ = 0;
   uid_t uid_ = 0;
   gid_t gid_ = 0;
+  dev_t device_ = 0;  // the file (or stream) written
+  ino_t inode_ = 0;
 };
 
 // A path naming the open descriptor `fd` itself (/proc/self/fd/N), so that

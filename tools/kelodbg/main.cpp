@@ -1,10 +1,10 @@
 // kelodbg: create, inspect and change debug-info files from the command line.
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <functional>
-#include <iostream>
 #include <new>
 #include <string>
 #include <vector>
@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "files.h"
+#include "text.h"
 #include "tool.h"
 
 #if defined(KELODBG_WITH_SYMBOLIZE)
@@ -34,6 +35,12 @@ constexpr const char* kNotes =
     "lines starting with # are skipped.\n"
     "FILE '-' is standard input (list, show, check, extract, diff, merge, version); '-o -' is standard output.\n"
     "Changes replace the file atomically and lock it while they run; readers need no lock.\n";
+
+// The longest --wait: about eleven days.
+constexpr double kMaxWait = 1e6;
+// Limits of @FILE arguments.
+constexpr size_t kMaxArgumentLine = 64 << 10;
+constexpr uint64_t kMaxArgumentBytes = uint64_t{256} << 20;
 
 // One subcommand: its parser and what runs it.
 struct Command {
@@ -59,6 +66,9 @@ class Cli {
     }());
     app_.require_subcommand(1);
     define();
+    for (const Command& c : commands_) {
+      if (c.app->get_name() != "help") maxInput(c.app);
+    }
     // The exit codes are told once, in the help of kelodbg itself.
     app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
   }
@@ -83,6 +93,7 @@ class Cli {
           fmt::format("kelodbg: {}\nRun 'kelodbg help' (or 'kelodbg help COMMAND') for more information.\n", e.what()));
       return static_cast<int>(Exit::kUsage);
     }
+    setMaxInput(maxInput_);
     for (const Command& c : commands_) {
       if (c.app->parsed()) return c.run();
     }
@@ -111,13 +122,38 @@ class Cli {
     return nullptr;
   }
 
+  // How much of a stream is read; every command that reads files has it.
+  void maxInput(CLI::App* sub) {
+    sub->add_option("--max-input", maxInput_,
+                    "Bytes of a stream (standard input, a pipe) kept in memory at most (suffixes K, M, G); default 4G")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 50));
+  }
+
   void file(CLI::App* sub, const char* what = "The debug-info file") {
     sub->add_option("file", r_.file, what)->type_name("FILE")->required();
   }
   void wait(CLI::App* sub) {
     sub->add_option("-w,--wait", r_.wait, "Seconds to wait for a file that another change has locked (default 10)")
         ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+              char* end = nullptr;
+              const double seconds = std::strtod(text.c_str(), &end);
+              if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds < 0 || seconds > kMaxWait) {
+                return fmt::format("'{}' is not a number of seconds from 0 to {}", printable(text),
+                                   static_cast<long>(kMaxWait));
+              }
+              return {};
+            },
+            "", "SECONDS"));
+  }
+  // Changes refuse files that hold what reading drops, unless told.
+  void drops(CLI::App* sub) {
+    sub->add_flag("--drop-unread", r_.dropUnread,
+                  "Change a file even when it holds what reading drops (repeated identifiers or sections, trailing "
+                  "bytes), which the change then loses");
   }
   void id(CLI::App* sub) { sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required(); }
   void kind(CLI::App* sub) {
@@ -138,11 +174,13 @@ class Cli {
     sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE")->required();
     kind(sub);
     wait(sub);
+    drops(sub);
 
     sub = command("remove", "Remove entries from FILE, all or none", removeCommand);
     file(sub);
     sub->add_option("ids", r_.args, "The entries to remove; each must exist")->type_name("ID")->required();
     wait(sub);
+    drops(sub);
 
     sub = command("set-addr", "Record load addresses of sections of one entry", setAddrCommand);
     file(sub);
@@ -153,12 +191,14 @@ class Cli {
         ->type_name("SECTION=ADDRESS")
         ->required();
     wait(sub);
+    drops(sub);
 
     sub = command("unset-addr", "Forget recorded load addresses of sections of one entry", unsetAddrCommand);
     file(sub);
     id(sub);
     sub->add_option("sections", r_.args, "Sections that have an address")->type_name("SECTION")->required();
     wait(sub);
+    drops(sub);
 
     sub = command("renumber", "Give entries new identifiers, all at once or none (alias: rename)", renumberCommand);
     sub->alias("rename");
@@ -167,6 +207,7 @@ class Cli {
         ->type_name("OLD=NEW")
         ->required();
     wait(sub);
+    drops(sub);
 
     sub = command("merge",
                   "Write the entries of all INPUT files to OUTPUT, or --into FILE; refused on a shared identifier",
@@ -184,6 +225,7 @@ class Cli {
         ->required();
     sub->add_option("--into", r_.into, "Merge the INPUT files into FILE, in place")->type_name("FILE");
     wait(sub);
+    drops(sub);
 
     sub = command("list", "List the entries of FILE, sorted by identifier", listCommand);
     file(sub);
@@ -222,8 +264,9 @@ class Cli {
 #if defined(KELODBG_WITH_SYMBOLIZE)
     sub = command("addr2line", "Function, file and line of run-time addresses, as binutils addr2line prints them",
                   [this] {
+                    if (r_.args.empty()) claimStandardInput("<stdin> (the addresses)");
                     const Input input(r_.file);
-                    return addr2lineCommand(*readList(input), a2l_, r_.args, stdin, stdout);
+                    return addr2lineCommand(*input.readList(), a2l_, r_.args, stdin, stdout);
                   });
     file(sub);
     sub->add_option("addresses", r_.args, "Hex addresses; one a line from standard input when none are given")
@@ -241,7 +284,7 @@ class Cli {
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
-      return mapCommand(*readList(input), input.name(), r_.json);
+      return mapCommand(*input.readList(), input.name(), r_.json);
     });
     file(sub);
     json(sub);
@@ -280,9 +323,12 @@ class Cli {
     return static_cast<int>(Exit::kUsage);
   }
 
-  // @FILE arguments become the lines of FILE.
+  // @FILE arguments become the lines of FILE. A line is at most
+  // kMaxArgumentLine bytes and all of them together at most
+  // kMaxArgumentBytes, so that an endless FILE ends with a message.
   void expandFileArguments(std::vector<std::string>& args) {
     std::vector<std::string> out;
+    uint64_t total = 0;
     for (size_t i = 0; i < args.size(); ++i) {
       const std::string& a = args[i];
       if (i == 0 || a.size() < 2 || a[0] != '@') {
@@ -290,20 +336,43 @@ class Cli {
         continue;
       }
       const std::string name = a.substr(1);
-      std::ifstream file;
-      std::istream* in = &std::cin;
-      if (name != "-") {
-        file.open(name);
-        if (!file) fail(Exit::kFileIo, name, std::strerror(errno));
-        in = &file;
+      const std::string shown = name == "-" ? "<stdin>" : name;
+      std::FILE* in = stdin;
+      if (name == "-") {
+        claimStandardInput("<stdin> (@-)");
+      } else {
+        in = std::fopen(name.c_str(), "r");
+        if (in == nullptr) fail(Exit::kFileIo, name, std::strerror(errno));
       }
+      struct Closer {
+        std::FILE* file;
+        ~Closer() {
+          if (file != stdin) std::fclose(file);
+        }
+      } closer{in};
       std::string line;
-      while (std::getline(*in, line)) {
+      uint64_t number = 0;
+      for (;;) {
+        line.clear();
+        int c;
+        while ((c = std::getc(in)) != EOF && c != '\n') {
+          if (c == '\0') fail(Exit::kUsage, shown, fmt::format("line {} holds a NUL byte", number + 1));
+          if (line.size() == kMaxArgumentLine) {
+            fail(Exit::kUsage, shown, fmt::format("line {} is longer than {} bytes", number + 1, kMaxArgumentLine));
+          }
+          line += static_cast<char>(c);
+        }
+        if (c == EOF && line.empty()) break;
+        ++number;
+        total += line.size() + 1;
+        if (total > kMaxArgumentBytes) {
+          fail(Exit::kUsage, shown, fmt::format("more than {} MiB of arguments", kMaxArgumentBytes >> 20));
+        }
         const size_t start = line.find_first_not_of(" \t\r");
         if (start == std::string::npos || line[start] == '#') continue;
         out.push_back(line.substr(start, line.find_last_not_of(" \t\r") + 1 - start));
       }
-      if (in->bad()) fail(Exit::kFileIo, name, "cannot read");
+      if (std::ferror(in)) fail(Exit::kFileIo, shown, fmt::format("cannot read: {}", std::strerror(errno)));
     }
     args = std::move(out);
   }
@@ -388,13 +457,14 @@ class Cli {
   Addr2lineOptions a2l_;
 #endif
   std::vector<Command> commands_;
+  uint64_t maxInput_ = kDefaultMaxInput;
   std::string helpTopic_;
   bool helpMan_ = false;
   bool helpCompletion_ = false;
 };
 
 int runTool(int argc, char** argv) {
-  setUpSignals();
+  setUpProcess();
   try {
     Cli cli;
     const int code = cli.run(argc, argv);
@@ -402,8 +472,10 @@ int runTool(int argc, char** argv) {
     return code;
   } catch (const Failure& f) {
     std::fflush(stdout);
-    complain(f.file.empty() ? fmt::format("kelodbg: {}\n", f.message)
-                            : fmt::format("kelodbg: {}: {}\n", f.file, f.message));
+    // Names are arbitrary bytes: escaped, so that a message stays one line
+    // and forges nothing.
+    complain(f.file.empty() ? fmt::format("kelodbg: {}\n", escapeControls(f.message))
+                            : fmt::format("kelodbg: {}: {}\n", escapeControls(f.file), escapeControls(f.message)));
     return static_cast<int>(f.code);
   } catch (const std::bad_alloc&) {
     complain("kelodbg: out of memory\n");

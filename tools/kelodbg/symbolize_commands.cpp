@@ -12,6 +12,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -125,6 +126,7 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
   char line[100];
   while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out);
+  if (std::ferror(in)) fail(Exit::kFileIo, "<stdin>", fmt::format("cannot read: {}", std::strerror(errno)));
   return 0;
 }
 

@@ -48,6 +48,19 @@ std::string printable(const std::string& s) {
   return out;
 }
 
+std::string escapeControls(const std::string& s) {
+  std::string out;
+  for (const char ch : s) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c < 0x20 || c == 0x7F) {
+      out += fmt::format("\\x{:02x}", c);
+    } else {
+      out += ch;
+    }
+  }
+  return out;
+}
+
 std::string quoted(const std::string& s) { return "'" + printable(s) + "'"; }
 
 std::string jsonString(const std::string& s) {

@@ -14,6 +14,10 @@ namespace kelodbg {
 // as \xNN, so it stays on one line and in its column.
 std::string printable(const std::string& s);
 
+// `s` with its control bytes (below 0x20, and 0x7f) written as \xNN and
+// everything else as it is: for messages, which may hold names.
+std::string escapeControls(const std::string& s);
+
 // printable(s) in single quotes.
 std::string quoted(const std::string& s);
 
