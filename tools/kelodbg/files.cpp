@@ -415,7 +415,8 @@ bool isTemporaryOf(const std::string& prefix, const char* name) {
 
 // The temporary files beside `target` that no writer holds any more: the
 // writer locks its temporary file before it has a name, and the lock goes
-// only with the writer's process. Each is removed when `remove` is set.
+// only with the writer's process. With `remove`, those of this user are
+// removed (and returned).
 std::vector<std::pair<std::string, uint64_t>> deadTemporaries(int dir, const std::string& target, bool remove) {
   std::vector<std::pair<std::string, uint64_t>> found;
   const int listed = dup(dir);
@@ -433,6 +434,8 @@ std::vector<std::pair<std::string, uint64_t>> deadTemporaries(int dir, const std
     struct stat st;
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;  // a live writer's
+    // Only this user's own leftovers are removed; others are reported.
+    if (remove && st.st_uid != geteuid()) continue;
     // Removed only while it is still the file that was found unlocked.
     struct stat now;
     if (remove && (fstatat(dir, e->d_name, &now, AT_SYMLINK_NOFOLLOW) != 0 || now.st_ino != st.st_ino ||

@@ -33,7 +33,8 @@ constexpr const char* kNotes =
     "and addresses decimal or hex with 0x.\n"
     "An argument @FILE stands for the lines of FILE (@- for standard input), one argument a line; empty lines and "
     "lines starting with # are skipped.\n"
-    "FILE '-' is standard input (list, show, check, extract, diff, merge, version); '-o -' is standard output.\n"
+    "FILE '-' is standard input (list, show, check, extract, diff, merge, version); '-o -' is standard output. "
+    "/dev/stdin, /dev/stdout, /dev/fd/N and /proc/self/fd/N are the descriptor itself.\n"
     "Changes replace the file atomically and lock it while they run; readers need no lock.\n";
 
 // The longest --wait: about eleven days.
