@@ -332,6 +332,9 @@ test_messages() {
     expect 2 "--wait: '.*' is not a number of seconds from 0 to 1000000" -- "$kelodbg" add --wait "$value" game.kdbg 9=main.o
     (($(wc -c <err.txt) < 300)) || fail "--wait $value: a long message"
   done
+  for value in nan -1 0 18446744073709551616 99999999999999999999G 1x; do
+    expect 2 "--max-input: '.*' is not a size from 1 to 1024T" -- "$kelodbg" list --max-input "$value" game.kdbg
+  done
   expect 2 'larger than' -- "$kelodbg" set-addr game.kdbg 7 .text 0x10000000000000010
   expect 2 'larger than' -- "$kelodbg" set-addr game.kdbg 7 .text=18446744073709551632
   expect 2 'larger than' -- "$kelodbg" remove game.kdbg 0x100000007

@@ -1,5 +1,8 @@
 // kelodbg: create, inspect and change debug-info files from the command line.
+#include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,6 +45,48 @@ constexpr double kMaxWait = 1e6;
 // Limits of @FILE arguments.
 constexpr size_t kMaxArgumentLine = 64 << 10;
 constexpr uint64_t kMaxArgumentBytes = uint64_t{256} << 20;
+
+// A size in bytes: digits, then K, M, G or T (powers of 1024, with or without
+// "i" and "B"), or nothing. Rewrites the text to the number of bytes; says
+// what is wrong with anything else, or with a size outside [min, max].
+CLI::Validator sizeValidator(uint64_t min, uint64_t max) {
+  return CLI::Validator(
+      [min, max](std::string& text) -> std::string {
+        const auto shortly = [](uint64_t bytes) {
+          for (const char* unit : {"T", "G", "M", "K"}) {
+            const int shift = unit[0] == 'T' ? 40 : unit[0] == 'G' ? 30 : unit[0] == 'M' ? 20 : 10;
+            if (bytes >= (uint64_t{1} << shift) && bytes % (uint64_t{1} << shift) == 0) {
+              return fmt::format("{}{}", bytes >> shift, unit);
+            }
+          }
+          return std::to_string(bytes);
+        };
+        const std::string problem = fmt::format("'{}' is not a size from {} to {} (bytes, or with K, M, G or T)",
+                                                printable(text), shortly(min), shortly(max));
+        size_t digits = 0;
+        while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') ++digits;
+        if (digits == 0 || digits > 19) return problem;
+        uint64_t value = std::stoull(text.substr(0, digits));
+        std::string unit = text.substr(digits);
+        for (char& c : unit) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        static const char* const kUnits = "KMGT";
+        int shift = 0;
+        if (!unit.empty() && unit != "B") {
+          const char* at = std::strchr(kUnits, unit[0]);
+          const std::string rest = unit.substr(1);
+          if (at == nullptr || unit[0] == '\0' || !(rest.empty() || rest == "B" || rest == "I" || rest == "IB")) {
+            return problem;
+          }
+          shift = 10 * static_cast<int>(at - kUnits + 1);
+        }
+        if (value > (max >> shift)) return problem;
+        value <<= shift;
+        if (value < min) return problem;
+        text = std::to_string(value);
+        return {};
+      },
+      "", "SIZE");
+}
 
 // One subcommand: its parser and what runs it.
 struct Command {
@@ -128,8 +173,7 @@ class Cli {
     sub->add_option("--max-input", maxInput_,
                     "Bytes of a stream (standard input, a pipe) kept in memory at most (suffixes K, M, G); default 4G")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 50));
+        ->transform(sizeValidator(1, uint64_t{1} << 50));
   }
 
   void file(CLI::App* sub, const char* what = "The debug-info file") {
@@ -281,7 +325,7 @@ class Cli {
     sub->add_option("--cache-size", a2l_.cacheBytes,
                     "Bytes of decoded debug information kept at once (suffixes K, M, G); default 1G")
         ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(sizeValidator(uint64_t{1} << 20, std::min<uint64_t>(SIZE_MAX, uint64_t{1} << 50)));
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
