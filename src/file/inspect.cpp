@@ -39,14 +39,19 @@ kelo_elf::DebugInfoID idOf(uint64_t key) {
 // offset of every field, and records the first fault in the report.
 class Walker {
  public:
-  Walker(File& file, Report& report) : file_(file), dec_(file), report_(report) {}
+  Walker(File& file, Report& report, const Options& options)
+      : file_(file), dec_(file), report_(report), options_(options) {}
 
   void run() {
     if (!header() || !count()) return;
     std::vector<Occurrence> ids;
     ids.reserve(dec_.backedCount(report_.entries, format::kMinEntrySize));
     for (uint64_t i = 0; i < report_.entries; ++i) {
-      if (!entry(i, ids)) break;
+      if (options_.index) report_.index.emplace_back();
+      if (!entry(i, ids)) {
+        if (options_.index) report_.index.pop_back();
+        break;
+      }
       ++report_.entriesRead;
       report_.bytes = offset_;
     }
@@ -96,15 +101,28 @@ class Walker {
     if (!prefix(length, {index, offset_, "image length"})) return false;
     length &= 0xFFFFFFFFu;
     const Place image{index, offset_, "image"};
-    if (!bytes(length, image, kelo_elf::ELFBytes::kMaxAdoptRoom)) return false;
-    // Loaded where the bytes lie, as the reader does, and dropped again. (No
-    // bytes are no image.)
-    bool loads = false;
-    if (length != 0) {
-      kelo_elf::ELFBytes block(scratch_.release(), static_cast<uint32_t>(length));
-      loads = kelo_elf::ELF::adopt(std::move(block)).has_value();
+    IndexedEntry* indexed = options_.index ? &report_.index.back() : nullptr;
+    if (indexed != nullptr) {
+      indexed->id = id_;
+      indexed->offset = start;
+      indexed->imageOffset = offset_;
+      indexed->imageSize = static_cast<uint32_t>(length);
     }
-    if (!loads) return fail(Fault::kBadImage, image, length);
+    if (!options_.loadImages) {
+      // No bytes are no image, whatever they would hold.
+      if (length == 0) return fail(Fault::kBadImage, image, length);
+      if (!skip(length, image)) return false;
+    } else {
+      if (!bytes(length, image, kelo_elf::ELFBytes::kMaxAdoptRoom)) return false;
+      // Loaded where the bytes lie, as the reader does, and dropped again.
+      // (No bytes are no image.)
+      bool loads = false;
+      if (length != 0) {
+        kelo_elf::ELFBytes block(scratch_.release(), static_cast<uint32_t>(length));
+        loads = kelo_elf::ELF::adopt(std::move(block)).has_value();
+      }
+      if (!loads) return fail(Fault::kBadImage, image, length);
+    }
 
     uint64_t sections;
     if (!prefix(sections, {index, offset_, "section count"})) return false;
@@ -122,8 +140,30 @@ class Walker {
       if (!names_.insert(name).second) {
         Finding f{{index, recordAt, "section name"}, id_, std::move(name), 0};
         record(Warning::kDuplicateSection, std::move(f));
+      } else if (indexed != nullptr) {
+        indexed->sections.emplace_back(std::move(name), address);
       }
     }
+    if (indexed != nullptr) indexed->end = offset_;
+    return true;
+  }
+
+  // Passes over `n` bytes without keeping them: a seek where the stream
+  // has a known size that holds them, reads otherwise.
+  bool skip(uint64_t n, const Place& place) {
+    const absl::optional<uint64_t> left = file_.bytesLeft();
+    if (left) {
+      if (n > *left) return fail(Fault::kTruncated, place, n);
+      if (fseeko(file_.get(), static_cast<off_t>(n), SEEK_CUR) != 0) return fail(Fault::kRead, place, n);
+    } else {
+      char buffer[1 << 14];
+      for (uint64_t done = 0; done < n;) {
+        const size_t step = static_cast<size_t>(std::min<uint64_t>(sizeof buffer, n - done));
+        if (std::fread(buffer, 1, step, file_.get()) != step) return fail(Fault::kTruncated, place, n);
+        done += step;
+      }
+    }
+    offset_ += n;
     return true;
   }
 
@@ -146,6 +186,7 @@ class Walker {
     std::vector<std::pair<Warning, Finding>> repeats;
     for (size_t i = 1; i < ids.size(); ++i) {
       if (ids[i].key != ids[i - 1].key) continue;
+      if (ids[i].entry < report_.index.size()) report_.index[ids[i].entry].repeated = true;
       report_.warningCount++;
       report_.dropCount++;
       repeats.emplace_back(Warning::kDuplicateId,
@@ -209,6 +250,7 @@ class Walker {
   File& file_;
   Decoder dec_;
   Report& report_;
+  const Options& options_;
   uint64_t offset_ = 0;
   kelo_elf::DebugInfoID id_;
   orvel_lib::io::Block scratch_;
@@ -217,15 +259,15 @@ class Walker {
 
 }  // namespace
 
-Report inspect(File& file) {
+Report inspect(File& file, const Options& options) {
   Report report;
   report.opened = static_cast<bool>(file);
   if (!file) return report;
-  Walker(file, report).run();
+  Walker(file, report, options).run();
   return report;
 }
 
-Report inspectFile(const char* path) {
+Report inspectFile(const char* path, const Options& options) {
   const std::string name = normalizeFileName(path);
   errno = 0;
   File file(path != nullptr ? std::fopen(name.c_str(), "rb") : nullptr);
@@ -235,8 +277,10 @@ Report inspectFile(const char* path) {
     report.error = errno;
     return report;
   }
-  file.setBuffer(std::size_t{1} << 20);
-  return inspect(file);
+  // Whole images pass through a large buffer; an index skips them and reads
+  // small fields.
+  file.setBuffer(options.loadImages ? std::size_t{1} << 20 : std::size_t{1} << 16);
+  return inspect(file, options);
 }
 
 }  // namespace file

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "absl/types/optional.h"
@@ -61,6 +62,19 @@ struct Finding {
   uint64_t value = 0;        // the count of trailing bytes, the full prefix of kHighHalf
 };
 
+// One entry as the file holds it, for reading it later without the rest:
+// where its image lies and the section records the reader keeps (the first
+// of each name), in file order. Offsets are from the start of the file.
+struct IndexedEntry {
+  kelo_elf::DebugInfoID id;
+  uint64_t offset = 0;       // where the entry starts
+  uint64_t imageOffset = 0;  // where its image bytes start
+  uint32_t imageSize = 0;
+  uint64_t end = 0;  // where the entry ends
+  std::vector<std::pair<std::string, uint32_t>> sections;
+  bool repeated = false;  // an earlier entry has the same identifier: the reader drops this one
+};
+
 struct Report {
   bool opened = false;
   absl::optional<uint8_t> major, minor, patch;  // once the header was read
@@ -82,14 +96,26 @@ struct Report {
   uint64_t warningCount = 0;
   // The warnings about what the reader drops: all but kKindAboveC.
   uint64_t dropCount = 0;
+
+  // With Options::index: every entry read completely, in file order.
+  std::vector<IndexedEntry> index;
+};
+
+struct Options {
+  // Load every image as the reader does (a check); otherwise image bytes
+  // are skipped (seeked over where the stream can seek) and only their
+  // presence is checked.
+  bool loadImages = true;
+  // Fill Report::index.
+  bool index = false;
 };
 
 // Checks the file at `path` (normalised as the read procedure does). Holds
 // one entry at a time. Throws std::bad_alloc when memory runs out.
-Report inspectFile(const char* path);
+Report inspectFile(const char* path, const Options& options = Options());
 
 // The same on an open stream positioned at the header.
-Report inspect(orvel_lib::io::File& file);
+Report inspect(orvel_lib::io::File& file, const Options& options = Options());
 
 }  // namespace file
 }  // namespace kelo_debuginfo

@@ -149,8 +149,14 @@ test_check_version() {
   expect 6 '^kelodbg: cut\.kdbg: damaged debug-info file: it ends inside the image \([0-9]+ bytes\) at entry 0 \(1:0x[0-9a-f]{8}\), offset 33$' -- \
     "$kelodbg" check cut.kdbg
   { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le 4 8; printf 'JUNK'; le 0 8; } >junk.kdbg
+  # Images are read when a command needs them: list shows the entry, show
+  # and extract say that its image does not load.
+  expect 0 '' -- "$kelodbg" list junk.kdbg
+  grep -q '^   1  0x00000005     4  -$' out.txt || fail "list of an entry whose image does not load: $(cat out.txt)"
   expect 6 'the image at entry 0 \(1:0x00000005\), offset 33 \(4 bytes\) is not an ELF file that loads' -- \
-    "$kelodbg" list junk.kdbg
+    "$kelodbg" show junk.kdbg 5
+  expect 6 'offset 33 \(4 bytes\) is not an ELF file that loads' -- "$kelodbg" extract junk.kdbg 5 -o junk.o
+  expect 6 'offset 33 \(4 bytes\) is not an ELF file that loads' -- "$kelodbg" check junk.kdbg
   expect 4 '^kelodbg: main\.o: not a debug-info file \(wrong magic\)$' -- "$kelodbg" check main.o
   { header '\x02\x01\x00\x00'; le 0 8; } >v210.kdbg
   expect 5 'unsupported version 2\.1\.0' -- "$kelodbg" check v210.kdbg

@@ -13,6 +13,7 @@
 #include "file/format.h"
 #include "file/inspect.h"
 #include "files.h"
+#include "store.h"
 #include "text.h"
 #include "tool.h"
 
@@ -64,13 +65,13 @@ RelocELF& entryOf(List& list, const std::string& file, const Id& id) {
 }
 
 // An entry's section table, sorted by name.
-std::map<std::string, unsigned> sortedSections(const RelocELF& entry) {
-  return {entry.sectionAddrs.begin(), entry.sectionAddrs.end()};
+std::map<std::string, unsigned> sortedSections(const IndexedEntry& entry) {
+  return {entry.sections.begin(), entry.sections.end()};
 }
 
 Json idJson(const Id& id) { return Json::object().set("id", format(id)).set("kind", id.kind).set("number", id.number); }
 
-Json sectionsJson(const RelocELF& entry) {
+Json sectionsJson(const IndexedEntry& entry) {
   Json sections = Json::array();
   for (const auto& s : sortedSections(entry)) {
     sections.push(Json::object().set("name", s.first).set("address", s.second));
@@ -134,13 +135,17 @@ std::pair<std::string, uint32_t> parseAddress(const std::string& arg) {
   return {arg.substr(0, eq), address};
 }
 
-std::string listJson(const List& list, const std::string& name, const std::string& version) {
+std::string listJson(const Store& store) {
   Json entries = Json::array();
-  for (const Id& id : idsOf(list)) {
-    const RelocELF& entry = list.entries.find(id.key())->second;
-    entries.push(idJson(id).set("size", entry.elf.size()).set("sections", sectionsJson(entry)));
+  for (const Id& id : store.ids()) {
+    const IndexedEntry& entry = *store.find(id);
+    entries.push(idJson(id).set("size", entry.imageSize).set("sections", sectionsJson(entry)));
   }
-  return Json::object().set("file", name).set("version", version).set("entries", std::move(entries)).dump();
+  return Json::object()
+      .set("file", store.name())
+      .set("version", store.version())
+      .set("entries", std::move(entries))
+      .dump();
 }
 
 std::string leftoverMessage(const std::pair<std::string, uint64_t>& leftover) {
@@ -148,12 +153,6 @@ std::string leftoverMessage(const std::pair<std::string, uint64_t>& leftover) {
       "{} ({} bytes) is a temporary file of a change that never finished; the next change of the file "
       "removes it",
       quoted(leftover.first), leftover.second);
-}
-
-std::string versionOf(const Input& input) {
-  uint32_t major = 0, minor = 0, patch = 0;
-  input.readVersion(major, minor, patch);
-  return fmt::format("{}.{}.{}", major, minor, patch);
 }
 
 }  // namespace
@@ -297,21 +296,21 @@ void mergeCommand(const Request& r) {
 
 void listCommand(const Request& r) {
   const Input input(r.file);
-  ListPtr list = input.readList();
-  if (r.json) return print(listJson(*list, input.name(), versionOf(input)));
-  const std::vector<Id> ids = idsOf(*list);
+  const Store store(input);
+  if (r.json) return print(listJson(store));
+  const std::vector<Id> ids = store.ids();
   size_t sizeWidth = 4;  // "SIZE"
-  for (const auto& entry : list->entries) {
-    sizeWidth = std::max(sizeWidth, fmt::formatted_size("{}", entry.second.elf.size()));
+  for (const IndexedEntry* entry : store.entries()) {
+    sizeWidth = std::max(sizeWidth, fmt::formatted_size("{}", entry->imageSize));
   }
   print(fmt::format("KIND  NUMBER      {:>{}}  SECTIONS\n", "SIZE", sizeWidth));
   for (const Id& id : ids) {
-    const RelocELF& entry = list->entries.find(id.key())->second;
+    const IndexedEntry& entry = *store.find(id);
     std::string sections;
     for (const auto& s : sortedSections(entry)) {
       sections += fmt::format("{}{}=0x{:08x}", sections.empty() ? "" : " ", printable(s.first), s.second);
     }
-    print(fmt::format("{:>4}  0x{:08x}  {:>{}}  {}\n", id.kind, id.number, entry.elf.size(), sizeWidth,
+    print(fmt::format("{:>4}  0x{:08x}  {:>{}}  {}\n", id.kind, id.number, entry.imageSize, sizeWidth,
                       sections.empty() ? "-" : sections));
   }
 }
@@ -319,9 +318,10 @@ void listCommand(const Request& r) {
 void showCommand(const Request& r) {
   const Input input(r.file);
   const Id id = idFrom(r.second);
-  ListPtr list = input.readList();
-  const RelocELF& entry = entryOf(*list, input.name(), id);
-  const std::vector<std::string> names = entry.elf.sectionNames();
+  const Store store(input);
+  const IndexedEntry& entry = store.entry(id);
+  const kelo_elf::ELF image = store.image(entry);
+  const std::vector<std::string> names = image.sectionNames();
   const std::map<std::string, unsigned> recorded = sortedSections(entry);
   const auto inImage = [&names](const std::string& name) {
     return std::find(names.begin(), names.end(), name) != names.end();
@@ -336,7 +336,7 @@ void showCommand(const Request& r) {
     }
     return print(idJson(id)
                      .set("file", input.name())
-                     .set("size", entry.elf.size())
+                     .set("size", image.size())
                      .set("image_sections", std::move(imageSections))
                      .set("sections", std::move(sections))
                      .dump());
@@ -346,7 +346,7 @@ void showCommand(const Request& r) {
   for (const std::string& name : names) width = std::max(width, printable(name).size());
   for (const auto& s : recorded) width = std::max(width, printable(s.first).size());
   print(fmt::format("identifier  {}\nimage size  {} bytes\nsections    {} in the image, {} with an address\n",
-                    format(id), entry.elf.size(), names.size(), recorded.size()));
+                    format(id), image.size(), names.size(), recorded.size()));
   if (names.empty()) print("            (the image has no section table)\n");
   print(fmt::format("\n{:<{}}  ADDRESS\n", "SECTION", width));
   for (const std::string& name : names) {
@@ -364,36 +364,36 @@ void extractCommand(const Request& r) {
   const Input input(r.file);
   const Id id = idFrom(r.second);
   Output out = Output::result(r.output, {&input}, r.wait);
-  ListPtr list = input.readList();
-  RelocELF& entry = entryOf(*list, input.name(), id);
-  const absl::Span<unsigned char const> bytes = entry.elf.bytes();
+  const Store store(input);
+  const IndexedEntry& entry = store.entry(id);
+  // What is extracted is an image that loads.
+  const kelo_elf::ELF image = store.image(entry);
+  const absl::Span<unsigned char const> bytes = image.bytes();
   out.writeBytes(bytes.data(), bytes.size());
 }
 
 int diffCommand(const Request& r) {
   const Input a(r.file), b(r.second);
-  ListPtr listA = a.readList(), listB = b.readList();
+  const Store storeA(a), storeB(b);
   std::vector<Id> onlyA, onlyB;
   Json changed = Json::array();
   std::vector<std::string> lines;
-  for (const Id& id : idsOf(*listA)) {
-    auto other = listB->entries.find(id.key());
-    if (other == listB->entries.end()) {
+  for (const Id& id : storeA.ids()) {
+    const IndexedEntry* eb = storeB.find(id);
+    if (eb == nullptr) {
       onlyA.push_back(id);
       continue;
     }
-    RelocELF& ea = listA->entries.find(id.key())->second;
-    RelocELF& eb = other->second;
-    const absl::Span<unsigned char const> ba = ea.elf.bytes(), bb = eb.elf.bytes();
-    const bool imageChanged = ba != bb;
-    const std::map<std::string, unsigned> sa = sortedSections(ea), sb = sortedSections(eb);
+    const IndexedEntry& ea = *storeA.find(id);
+    const bool imageChanged = !storeA.sameImage(ea, storeB, *eb);
+    const std::map<std::string, unsigned> sa = sortedSections(ea), sb = sortedSections(*eb);
     std::set<std::string> names;
     for (const auto& s : sa) names.insert(s.first);
     for (const auto& s : sb) names.insert(s.first);
     Json sections = Json::array();
     size_t sectionChanges = 0;
     if (imageChanged) {
-      lines.push_back(fmt::format("changed {}: image ({} -> {} bytes)", format(id), ba.size(), bb.size()));
+      lines.push_back(fmt::format("changed {}: image ({} -> {} bytes)", format(id), ea.imageSize, eb->imageSize));
     }
     for (const std::string& name : names) {
       auto fa = sa.find(name), fb = sb.find(name);
@@ -410,8 +410,8 @@ int diffCommand(const Request& r) {
       changed.push(idJson(id).set("image", imageChanged).set("sections", std::move(sections)));
     }
   }
-  for (const Id& id : idsOf(*listB)) {
-    if (listA->entries.count(id.key()) == 0) onlyB.push_back(id);
+  for (const Id& id : storeB.ids()) {
+    if (storeA.find(id) == nullptr) onlyB.push_back(id);
   }
   const bool equal = onlyA.empty() && onlyB.empty() && lines.empty();
   if (r.json) {

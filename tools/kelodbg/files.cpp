@@ -622,6 +622,14 @@ Report Input::readStream(bool keep) const {
   return report;
 }
 
+int Input::keptStream() const {
+  if (spool_ < 0) spoolReport_ = readStream(true);
+  if (spoolReport_.fault) failWith(spoolReport_, display_);
+  const int fd = fcntl(spool_, F_DUPFD_CLOEXEC, 3);
+  if (fd < 0) fail(Exit::kFileIo, display_, errnoText(errno));
+  return fd;
+}
+
 ListPtr Input::readList(Drops drops) const {
   if (!isStream()) return kelodbg::readList(path_, display_, drops);
   // A stream is checked as it arrives, and kept for the read once it checks

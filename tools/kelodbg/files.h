@@ -102,6 +102,11 @@ class Input {
   // Reads the debug-info file, explaining every failure. With Drops::kRefuse
   // a file that holds what reading drops is refused (exit 14).
   ListPtr readList(Drops drops = Drops::kIgnore) const;
+  // A stream, checked as it arrived and kept: a new descriptor of the copy.
+  // Throws Failure when it does not check out. REQUIRES: isStream().
+  int keptStream() const;
+  // A regular file: a name the libraries can open. REQUIRES: !isStream().
+  const std::string& path() const { return path_; }
   // Checks the file (for `check`); a stream is checked as it arrives and not
   // kept.
   Report check() const;

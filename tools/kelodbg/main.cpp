@@ -17,6 +17,7 @@
 
 #include "commands.h"
 #include "files.h"
+#include "store.h"
 #include "text.h"
 #include "tool.h"
 
@@ -311,7 +312,7 @@ class Cli {
                   [this] {
                     if (r_.args.empty()) claimStandardInput("<stdin> (the addresses)");
                     const Input input(r_.file);
-                    return addr2lineCommand(*input.readList(), a2l_, r_.args, stdin, stdout);
+                    return addr2lineCommand(*Store(input).placedList(), a2l_, r_.args, stdin, stdout);
                   });
     file(sub);
     sub->add_option("addresses", r_.args, "Hex addresses; one a line from standard input when none are given")
@@ -329,7 +330,7 @@ class Cli {
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
-      return mapCommand(*input.readList(), input.name(), r_.json);
+      return mapCommand(*Store(input).placedList(), input.name(), r_.json);
     });
     file(sub);
     json(sub);
