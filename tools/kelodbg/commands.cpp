@@ -34,35 +34,9 @@ unsigned kindFrom(const Request& r) {
   return r.kind;
 }
 
-// Changes refuse a file that holds what reading drops, unless told.
-Drops dropsOf(const Request& r) { return r.dropUnread ? Drops::kDrop : Drops::kRefuse; }
 
-// Every identifier of `list`, sorted.
-std::vector<Id> idsOf(const List& list) {
-  std::vector<Id> ids;
-  ids.reserve(list.entries.size());
-  for (const auto& entry : list.entries) ids.push_back(Id::of(entry.first));
-  std::sort(ids.begin(), ids.end());
-  return ids;
-}
 
-// " (did you mean 0:0x00000003?)" when an entry of another kind has the
-// same number.
-std::string kindHint(const List& list, const Id& id) {
-  std::vector<std::string> others;
-  for (const Id& other : idsOf(list)) {
-    if (other.number == id.number && other.kind != id.kind) others.push_back(format(other));
-  }
-  if (others.empty()) return {};
-  return fmt::format(" (did you mean {}?)", fmt::join(others, " or "));
-}
 
-RelocELF& entryOf(List& list, const std::string& file, const Id& id) {
-  auto found = list.entries.find(id.key());
-  if (found == list.entries.end())
-    fail(Exit::kAbsentId, file, fmt::format("no entry {}{}", format(id), kindHint(list, id)));
-  return found->second;
-}
 
 // An entry's section table, sorted by name.
 std::map<std::string, unsigned> sortedSections(const IndexedEntry& entry) {
@@ -167,23 +141,57 @@ void createCommand(const Request& r) {
   out.writeList(list);
 }
 
+namespace {
+
+// The file a change reads: indexed, and refused when it holds what reading
+// drops (unless --drop-unread).
+struct Changed {
+  Output out;
+  Store store;
+  Changed(const Request& r, const std::string& file)
+      : out(Output::change(file, r.wait)), store(out.readPath(), file) {
+    if (!r.dropUnread) refuseDrops(store.report(), file);
+  }
+};
+
+PlannedEntry& plannedOf(std::vector<PlannedEntry>& plan, const Store& store, const Id& id) {
+  const IndexedEntry& entry = store.entry(id);
+  for (PlannedEntry& p : plan) {
+    if (p.from == &entry) return p;
+  }
+  fail(Exit::kAbsentId, store.name(), fmt::format("no entry {}", format(id)));
+}
+
+}  // namespace
+
 void addCommand(const Request& r) {
   std::vector<NewEntry> entries = parseEntries(r.args, kindFrom(r));
-  Output out = Output::change(r.file, r.wait);
-  refuseSameFile(out, entries, r.file);
-  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
-  addEntries(*list, r.file, entries);
-  out.writeList(list);
+  Changed c(r, r.file);
+  refuseSameFile(c.out, entries, r.file);
+  for (const NewEntry& e : entries) {
+    if (c.store.find(e.id) != nullptr) {
+      fail(Exit::kPresentId, r.file, fmt::format("identifier {} is already present", format(e.id)));
+    }
+  }
+  std::vector<kelo_elf::ELF> images;
+  images.reserve(entries.size());
+  for (const NewEntry& e : entries) images.push_back(e.input->loadElf());
+  std::vector<PlannedEntry> plan = c.store.plan();
+  for (size_t i = 0; i < entries.size(); ++i) plan.push_back(PlannedEntry{entries[i].id.key(), nullptr, nullptr, &images[i], {}});
+  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void removeCommand(const Request& r) {
   std::vector<Id> ids;
   for (const std::string& arg : r.args) ids.push_back(idFrom(arg));
-  Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
-  for (const Id& id : ids) entryOf(*list, r.file, id);  // all or nothing
-  for (const Id& id : ids) list->entries.erase(id.key());
-  out.writeList(list);
+  Changed c(r, r.file);
+  std::set<const IndexedEntry*> gone;
+  for (const Id& id : ids) gone.insert(&c.store.entry(id));  // all or nothing
+  std::vector<PlannedEntry> plan;
+  for (PlannedEntry& p : c.store.plan()) {
+    if (gone.count(p.from) == 0) plan.push_back(std::move(p));
+  }
+  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void setAddrCommand(const Request& r) {
@@ -198,32 +206,49 @@ void setAddrCommand(const Request& r) {
   } else {
     for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
   }
-  Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
-  RelocELF& entry = entryOf(*list, r.file, id);
+  Changed c(r, r.file);
+  std::vector<PlannedEntry> plan = c.store.plan();
+  PlannedEntry& entry = plannedOf(plan, c.store, id);
+  // The one image that the change needs: its section names.
+  const kelo_elf::ELF image = c.store.image(*entry.from);
   for (const auto& p : pairs) {
-    if (!entry.elf.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
+    if (!image.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
       fail(Exit::kNoSection, r.file,
            fmt::format("entry {} has no section {} (addresses go to the image's sections, .constant and .local)",
                        format(id), quoted(p.first)));
     }
   }
-  for (const auto& p : pairs) list->setSectionAddr(id.key(), p.first, p.second);
-  out.writeList(list);
+  for (const auto& p : pairs) {
+    auto found = std::find_if(entry.sections.begin(), entry.sections.end(),
+                              [&p](const auto& s) { return s.first == p.first; });
+    if (found != entry.sections.end()) {
+      found->second = p.second;
+    } else {
+      entry.sections.push_back(p);
+    }
+  }
+  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void unsetAddrCommand(const Request& r) {
   const Id id = idFrom(r.second);
-  Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
-  RelocELF& entry = entryOf(*list, r.file, id);
+  Changed c(r, r.file);
+  std::vector<PlannedEntry> plan = c.store.plan();
+  PlannedEntry& entry = plannedOf(plan, c.store, id);
+  const auto recorded = [&entry](const std::string& name) {
+    return std::find_if(entry.sections.begin(), entry.sections.end(),
+                        [&name](const auto& s) { return s.first == name; });
+  };
   for (const std::string& name : r.args) {
-    if (entry.sectionAddrs.count(name) == 0) {
+    if (recorded(name) == entry.sections.end()) {
       fail(Exit::kNoSection, r.file, fmt::format("entry {} has no address for section {}", format(id), quoted(name)));
     }
   }
-  for (const std::string& name : r.args) entry.sectionAddrs.erase(name);
-  out.writeList(list);
+  for (const std::string& name : r.args) {
+    auto found = recorded(name);
+    if (found != entry.sections.end()) entry.sections.erase(found);
+  }
+  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void renumberCommand(const Request& r) {
@@ -234,17 +259,21 @@ void renumberCommand(const Request& r) {
     if (!error.empty()) fail(Exit::kUsage, {}, error);
     pairs.push_back({idFrom(oldText).key(), idFrom(newText).key()});
   }
-  Output out = Output::change(r.file, r.wait);
-  ListPtr list = readList(out.readPath(), r.file, dropsOf(r));
-  if (!list->update(pairs)) {
+  Changed c(r, r.file);
+  // The list's own rules decide, on a list of the identifiers alone.
+  List ids;
+  for (const IndexedEntry* e : c.store.entries()) ids.entries.try_emplace(e->id);
+  if (!ids.update(pairs)) {
     using kelo_debuginfo::RenumberRefusal;
-    const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::diagnoseRenumbering(list->entries, pairs);
+    List before;
+    for (const IndexedEntry* e : c.store.entries()) before.entries.try_emplace(e->id);
+    const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::diagnoseRenumbering(before.entries, pairs);
     const std::string id = format(Id::of(why.id));
     switch (why.reason) {
       case RenumberRefusal::kRepeatedOld:
         fail(Exit::kRefused, r.file, fmt::format("identifier {} is renumbered twice", id));
       case RenumberRefusal::kAbsentOld:
-        fail(Exit::kAbsentId, r.file, fmt::format("no entry {}{}", id, kindHint(*list, Id::of(why.id))));
+        fail(Exit::kAbsentId, r.file, fmt::format("no entry {}{}", id, c.store.kindHint(Id::of(why.id))));
       case RenumberRefusal::kRepeatedNew:
         fail(Exit::kRefused, r.file, fmt::format("two entries would be renumbered to {}", id));
       case RenumberRefusal::kTakenNew:
@@ -254,7 +283,16 @@ void renumberCommand(const Request& r) {
     }
     fail(Exit::kRefused, r.file, "renumbering refused");
   }
-  out.writeList(list);
+  std::vector<PlannedEntry> plan = c.store.plan();
+  for (PlannedEntry& p : plan) {
+    for (const auto& pair : pairs) {
+      if (pair.oldID == p.id) {
+        p.id = pair.newID;
+        break;
+      }
+    }
+  }
+  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void mergeCommand(const Request& r) {
@@ -266,32 +304,35 @@ void mergeCommand(const Request& r) {
   }
   const bool into = !r.into.empty();
   Output out = into ? Output::change(r.into, r.wait) : Output::result(r.file, views, r.wait);
-  ListPtr all = into ? readList(out.readPath(), r.into, dropsOf(r)) : newList();
+  std::unique_ptr<Store> target;
   if (into) {
+    target = std::make_unique<Store>(out.readPath(), r.into);
+    if (!r.dropUnread) refuseDrops(target->report(), r.into);
     for (const Input* input : views) {
-      if (out.isFileOf(*input)) {
-        fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
-      }
+      if (out.isFileOf(*input)) fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
     }
   }
   // Which file holds each identifier, so that a collision names both.
   std::map<Id, std::string> owner;
-  for (const Id& id : idsOf(*all)) owner.emplace(id, r.into);
-  std::vector<ListPtr> lists;
+  std::vector<PlannedEntry> plan;
+  if (target) {
+    for (const Id& id : target->ids()) owner.emplace(id, r.into);
+    plan = target->plan();
+  }
+  std::vector<std::unique_ptr<Store>> stores;
   for (const auto& input : inputs) {
-    lists.push_back(input->readList(dropsOf(r)));
-    for (const Id& id : idsOf(*lists.back())) {
+    stores.push_back(std::make_unique<Store>(*input));
+    if (!r.dropUnread) refuseDrops(stores.back()->report(), input->name());
+    for (const Id& id : stores.back()->ids()) {
       auto inserted = owner.emplace(id, input->name());
       if (!inserted.second) {
         fail(Exit::kRefused, {},
              fmt::format("identifier {} is in both {} and {}", format(id), inserted.first->second, input->name()));
       }
     }
+    for (PlannedEntry& p : stores.back()->plan()) plan.push_back(std::move(p));
   }
-  for (ListPtr& list : lists) {
-    if (!all->merge(*list)) fail(Exit::kRefused, {}, "merge refused");
-  }
-  out.writeList(all);
+  out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
 void listCommand(const Request& r) {

@@ -939,6 +939,19 @@ void Output::writeList(const ListPtr& list) {
   if (!copyAll(spool.get(), streamFd_, readFailed)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
 }
 
+void Output::writeWith(const std::function<bool(int)>& write) {
+  auto writeTo = [&](int fd) {
+    if (!write(fd)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
+  };
+  if (!isStream_) return replace(writeTo);
+  // As for a list: all of it or, when writing fails, nothing.
+  Fd spool = memoryFile("kelodbg-output");
+  writeTo(spool.get());
+  if (lseek(spool.get(), 0, SEEK_SET) != 0) fail(Exit::kFileIo, display_, errnoText(errno));
+  bool readFailed = false;
+  if (!copyAll(spool.get(), streamFd_, readFailed)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
+}
+
 void Output::writeBytes(const unsigned char* data, size_t size) {
   auto writeTo = [&](int fd) {
     if (!writeAll(fd, data, size)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));

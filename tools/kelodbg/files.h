@@ -166,6 +166,9 @@ class Output {
 
   // Writes the whole result. Each may be called once.
   void writeList(const ListPtr& list);
+  // Writes the result with `write`, which gets the descriptor to write to
+  // and returns false (errno set) when writing fails.
+  void writeWith(const std::function<bool(int fd)>& write);
   void writeBytes(const unsigned char* data, size_t size);
 
  private:

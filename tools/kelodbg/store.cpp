@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "check.h"
+#include "file/format.h"
 
 namespace kelodbg {
 namespace {
@@ -198,6 +199,60 @@ bool Store::copyImage(const IndexedEntry& entry, int fd) const {
     left -= step;
   }
   return true;
+}
+
+std::vector<PlannedEntry> Store::plan() const {
+  std::vector<PlannedEntry> entries;
+  entries.reserve(kept_.size());
+  for (const IndexedEntry* e : kept_) entries.push_back(PlannedEntry{e->id, this, e, nullptr, e->sections});
+  return entries;
+}
+
+namespace {
+
+// Little-endian fields gathered before they are written.
+void put(std::string& out, uint64_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+}
+
+bool writeAll(int fd, const void* data, size_t size) {
+  const auto* p = static_cast<const unsigned char*>(data);
+  while (size > 0) {
+    const ssize_t n = write(fd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool writePlanned(const std::vector<PlannedEntry>& entries, int fd) {
+  std::string fields(reinterpret_cast<const char*>(kelo_debuginfo::format::kMagic), sizeof kelo_debuginfo::format::kMagic);
+  fields.append(reinterpret_cast<const char*>(kelo_debuginfo::format::kVersion), sizeof kelo_debuginfo::format::kVersion);
+  put(fields, entries.size(), 8);
+  for (const PlannedEntry& e : entries) {
+    put(fields, e.id.kind, 1);
+    put(fields, e.id.lo, 2);
+    put(fields, e.id.hi, 2);
+    const absl::Span<unsigned char const> bytes = e.image != nullptr ? e.image->bytes() : absl::Span<unsigned char const>();
+    put(fields, e.image != nullptr ? bytes.size() : e.from->imageSize, 8);
+    if (!writeAll(fd, fields.data(), fields.size())) return false;
+    fields.clear();
+    if (e.image != nullptr ? !writeAll(fd, bytes.data(), bytes.size()) : !e.store->copyImage(*e.from, fd)) return false;
+    put(fields, e.sections.size(), 8);
+    for (const auto& s : e.sections) {
+      put(fields, s.first.size(), 8);
+      fields += s.first;
+      put(fields, s.second, 4);
+    }
+    // Small fields go out in pieces of a useful size.
+    if (fields.size() >= (1 << 16) && !writeAll(fd, fields.data(), fields.size())) return false;
+    if (fields.size() >= (1 << 16)) fields.clear();
+  }
+  return writeAll(fd, fields.data(), fields.size());
 }
 
 ListPtr Store::placedList() const {

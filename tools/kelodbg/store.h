@@ -20,6 +20,23 @@ namespace kelodbg {
 
 using kelo_debuginfo::file::IndexedEntry;
 
+class Store;
+
+// One entry of a file being written by streaming: its identifier, where its
+// image comes from (an entry of a store, copied byte for byte, or a loaded
+// image) and the section records to write, in order.
+struct PlannedEntry {
+  kelo_elf::DebugInfoID id;
+  const Store* store = nullptr;
+  const IndexedEntry* from = nullptr;
+  const kelo_elf::ELF* image = nullptr;
+  std::vector<std::pair<std::string, uint32_t>> sections;
+};
+
+// Writes a whole debug-info file of `entries` to `fd`, in their order. False
+// (errno set) when writing fails.
+bool writePlanned(const std::vector<PlannedEntry>& entries, int fd);
+
 class Store {
  public:
   // Indexes the file `input` names. A stream is checked and kept first (it
@@ -58,6 +75,9 @@ class Store {
   bool sameImage(const IndexedEntry& entry, const Store& other, const IndexedEntry& otherEntry) const;
   // Writes the image's bytes to `fd`; false when writing fails (errno set).
   bool copyImage(const IndexedEntry& entry, int fd) const;
+
+  // Every kept entry, as it is, for a plan.
+  std::vector<PlannedEntry> plan() const;
 
   // A list of the entries that have at least one recorded address, their
   // images loaded: all that symbolization can use.
