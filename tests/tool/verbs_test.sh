@@ -197,4 +197,52 @@ test_help() {
   "$kelodbg" --version | grep -Eq '^kelodbg 1\.1\.2 \(debug-info library 1\.1\.2' || fail "--version"
 }
 
+# Changes write the new file by streaming: entries they do not touch are
+# copied byte for byte, and only the image a change needs is loaded.
+test_streamed_changes() {
+  make_game || fail "building game.kdbg"
+  "$kelodbg" create other.kdbg 0x30=main.o && "$kelodbg" set-addr other.kdbg 0x30 .text=0x9000 ||
+    fail "building other.kdbg"
+  "$kelodbg" set-addr game.kdbg 0x00011234 .text=0x1234 .data=0x5000 &&
+    "$kelodbg" unset-addr game.kdbg 0x00011234 .constant &&
+    "$kelodbg" renumber game.kdbg 7=8 0x20=7 &&
+    "$kelodbg" remove game.kdbg 7 &&
+    "$kelodbg" add game.kdbg 9=extra.o &&
+    "$kelodbg" merge --into game.kdbg other.kdbg || fail "a chain of changes"
+  # What the reader reads: every image loads, nothing is dropped.
+  expect 0 '' -- "$kelodbg" check --strict game.kdbg
+  "$kelodbg" list game.kdbg >got.txt
+  cat >want.txt <<'LIST'
+KIND  NUMBER      SIZE  SECTIONS
+   1  0x00000008  SIZE_UTIL  .kelo.overlay=0x00000009
+   1  0x00000009  SIZE_EXTRA  -
+   1  0x00000030  SIZE_MAIN  .text=0x00009000
+   1  0x00011234  SIZE_MAIN  .data=0x00005000 .text=0x00001234
+LIST
+  local main util extra
+  main=$(size_of main.o) util=$(size_of util.o) extra=$(size_of extra.o)
+  sed -E 's/  +/ /g' got.txt >got-words.txt
+  sed -e "s/SIZE_UTIL/$util/" -e "s/SIZE_EXTRA/$extra/" -e "s/SIZE_MAIN/$main/" want.txt | sed -E 's/  +/ /g' >want-words.txt
+  cmp -s got-words.txt want-words.txt || fail "after the changes: $(cat got.txt)"
+  local id object
+  for id in 8=util.o 9=extra.o 0x30=main.o 0x00011234=main.o; do
+    object=${id#*=}
+    "$kelodbg" extract game.kdbg "${id%=*}" -o entry.o && same_file entry.o "$object" "entry ${id%=*}"
+  done
+
+  # An entry whose image does not load is carried along by changes of other
+  # entries, and can be removed; a change that needs it says why.
+  { header '\x01\x01\x02\x00'; le 2 8; le 1 1; le 5 2; le 0 2; le 4 8; printf 'JUNK'; le 0 8
+    le 1 1; le 1 2; le 0 2; le "$(size_of main.o)" 8; cat main.o; le 0 8; } >junk.kdbg
+  expect 0 '' -- "$kelodbg" set-addr junk.kdbg 1 .text=0x10
+  grep -q 'JUNK' junk.kdbg || fail "the entry whose image does not load was not copied"
+  expect 6 'offset [0-9]+ \(4 bytes\) is not an ELF file that loads' -- "$kelodbg" set-addr junk.kdbg 5 .text=0x20
+  expect 0 '' -- "$kelodbg" remove junk.kdbg 5
+  expect 0 '' -- "$kelodbg" check --strict junk.kdbg
+  # A store cut inside an image fails the same way whether the image is read
+  # (check) or passed over (list).
+  head -c 100 game.kdbg >cut.kdbg
+  expect 6 'damaged debug-info file: it ends inside the image \([0-9]+ bytes\) at entry 0' -- "$kelodbg" list cut.kdbg
+}
+
 run_group "$3"

@@ -34,10 +34,6 @@ unsigned kindFrom(const Request& r) {
   return r.kind;
 }
 
-
-
-
-
 // An entry's section table, sorted by name.
 std::map<std::string, unsigned> sortedSections(const IndexedEntry& entry) {
   return {entry.sections.begin(), entry.sections.end()};
@@ -148,8 +144,7 @@ namespace {
 struct Changed {
   Output out;
   Store store;
-  Changed(const Request& r, const std::string& file)
-      : out(Output::change(file, r.wait)), store(out.readPath(), file) {
+  Changed(const Request& r, const std::string& file) : out(Output::change(file, r.wait)), store(out.readPath(), file) {
     if (!r.dropUnread) refuseDrops(store.report(), file);
   }
 };
@@ -177,7 +172,8 @@ void addCommand(const Request& r) {
   images.reserve(entries.size());
   for (const NewEntry& e : entries) images.push_back(e.input->loadElf());
   std::vector<PlannedEntry> plan = c.store.plan();
-  for (size_t i = 0; i < entries.size(); ++i) plan.push_back(PlannedEntry{entries[i].id.key(), nullptr, nullptr, &images[i], {}});
+  for (size_t i = 0; i < entries.size(); ++i)
+    plan.push_back(PlannedEntry{entries[i].id.key(), nullptr, nullptr, &images[i], {}});
   c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
 }
 
@@ -219,8 +215,8 @@ void setAddrCommand(const Request& r) {
     }
   }
   for (const auto& p : pairs) {
-    auto found = std::find_if(entry.sections.begin(), entry.sections.end(),
-                              [&p](const auto& s) { return s.first == p.first; });
+    auto found =
+        std::find_if(entry.sections.begin(), entry.sections.end(), [&p](const auto& s) { return s.first == p.first; });
     if (found != entry.sections.end()) {
       found->second = p.second;
     } else {
@@ -309,7 +305,8 @@ void mergeCommand(const Request& r) {
     target = std::make_unique<Store>(out.readPath(), r.into);
     if (!r.dropUnread) refuseDrops(target->report(), r.into);
     for (const Input* input : views) {
-      if (out.isFileOf(*input)) fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
+      if (out.isFileOf(*input))
+        fail(Exit::kUnsafe, r.into, fmt::format("is also the input {}; refused", input->name()));
     }
   }
   // Which file holds each identifier, so that a collision names both.

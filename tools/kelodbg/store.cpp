@@ -230,14 +230,17 @@ bool writeAll(int fd, const void* data, size_t size) {
 }  // namespace
 
 bool writePlanned(const std::vector<PlannedEntry>& entries, int fd) {
-  std::string fields(reinterpret_cast<const char*>(kelo_debuginfo::format::kMagic), sizeof kelo_debuginfo::format::kMagic);
-  fields.append(reinterpret_cast<const char*>(kelo_debuginfo::format::kVersion), sizeof kelo_debuginfo::format::kVersion);
+  std::string fields(reinterpret_cast<const char*>(kelo_debuginfo::format::kMagic),
+                     sizeof kelo_debuginfo::format::kMagic);
+  fields.append(reinterpret_cast<const char*>(kelo_debuginfo::format::kVersion),
+                sizeof kelo_debuginfo::format::kVersion);
   put(fields, entries.size(), 8);
   for (const PlannedEntry& e : entries) {
     put(fields, e.id.kind, 1);
     put(fields, e.id.lo, 2);
     put(fields, e.id.hi, 2);
-    const absl::Span<unsigned char const> bytes = e.image != nullptr ? e.image->bytes() : absl::Span<unsigned char const>();
+    const absl::Span<unsigned char const> bytes =
+        e.image != nullptr ? e.image->bytes() : absl::Span<unsigned char const>();
     put(fields, e.image != nullptr ? bytes.size() : e.from->imageSize, 8);
     if (!writeAll(fd, fields.data(), fields.size())) return false;
     fields.clear();
