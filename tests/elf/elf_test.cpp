@@ -233,6 +233,15 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
       kelo_test::put(bad, d.at, d.width, d.value, big);
       EXPECT_FALSE(load(bad).has_value()) << d.what;
     }
+    if (is64) {
+      // A table offset that wraps round to just before the bytes, with the
+      // count escaped to section 0: a bounds check that adds offset and
+      // length would read there.
+      Bytes bad = good;
+      kelo_test::put(bad, shoffAt, addr, ~uint64_t{0} - 39, big);
+      kelo_test::put(bad, shnumAt, 2, 0, big);
+      EXPECT_FALSE(load(bad).has_value()) << "a wrapping section header table offset";
+    }
   }
 }
 

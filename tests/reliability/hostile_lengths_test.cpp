@@ -3,12 +3,14 @@
 // grow only as data arrives, whatever a prefix says.
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -98,6 +100,42 @@ TEST(HostileLengths, ReadsAllocateLittleBeyondTheFileWhateverThePrefixesSay) {
     EXPECT_LE(peak, bytes.size() + kAllowance) << c.what;
     std::printf("[ hostile  ] %-32s file %zu bytes, peak allocation %zu bytes\n", c.what, bytes.size(), peak);
   }
+}
+
+// In a child process: reads `path` with 512 MiB of address space, and exits
+// 0 when the read fails as damaged, 1 when memory ran out, 2 when it read.
+[[noreturn]] void readUnderLimit(const std::string& path) {
+  const rlim_t bytes = rlim_t{512} << 20;
+  const struct rlimit limit = {bytes, bytes};
+  setrlimit(RLIMIT_AS, &limit);
+  try {
+    std::_Exit(kelo_debuginfo::file::readList(path.c_str()) ? 2 : 0);
+  } catch (const std::bad_alloc&) {
+    std::_Exit(1);
+  }
+}
+
+// A regular file's size is known, and sizes the reader's first steps: what
+// it reserves for an entry count is what the file can back, never the count.
+// (A file claiming 2^28 entries in 20 bytes would otherwise reserve
+// gigabytes, and fail as out of memory instead of as damaged.)
+TEST(HostileLengths, ARegularFileReservesOnlyWhatItsSizeBacks) {
+  {
+    const std::size_t before = heapInUse();
+    void* volatile probe = std::malloc(1 << 20);
+    const bool counted = heapInUse() >= before + (1 << 20);
+    std::free(probe);
+    // Address-space limits and sanitizers do not mix.
+    if (!counted) GTEST_SKIP() << "malloc statistics are not available";
+  }
+  const std::string path = ::testing::TempDir() + "kelo-claims-entries.kdbg";
+  const Bytes bytes = fileHeader() + le(8, uint64_t{1} << 28);
+  FILE* f = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+  std::fclose(f);
+  EXPECT_EXIT(readUnderLimit(path), ::testing::ExitedWithCode(0), "");
+  std::remove(path.c_str());
 }
 
 }  // namespace

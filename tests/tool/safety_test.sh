@@ -141,6 +141,10 @@ test_resources() {
   # A small file that claims a 1.75 GiB image is damaged, however little memory there is.
   { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le $((0x70000000)) 8; printf 'JUNK'; } >claims.kdbg
   expect 6 'ends inside the image \(1879048192 bytes\)' -- bash -c "ulimit -v $limit && exec '$kelodbg' list claims.kdbg"
+  # 20 bytes that claim 2^28 entries: damaged, however little memory there is.
+  { header '\x01\x01\x02\x00'; le $((1 << 28)) 8; } >claims-entries.kdbg
+  expect 6 'ends inside the kind' -- bash -c "ulimit -v $limit && exec '$kelodbg' list claims-entries.kdbg"
+  expect 6 'ends inside the kind' -- bash -c "ulimit -v $limit && exec '$kelodbg' check claims-entries.kdbg"
   # A stream whose header claims a huge image, then endless zeros: an error
   # in bounded time and memory, whatever the claim.
   local claim
