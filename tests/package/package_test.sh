@@ -43,8 +43,9 @@ cmake -S "$source/tests/package/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_
 cmake --build "$work/cmake-build" -j2
 "$work/cmake-build/c_consumer" "$examples/main.o" "$work/c.kdbg"
 "$work/cmake-build/cxx_consumer" "$examples/main.o"
+"$work/cmake-build/store_consumer" "$examples/main.o" "$work/store.kdbg"
 
-step "pkg-config kelo-debuginfo (C) and kelo-debuginfo-cxx (C++)"
+step "pkg-config kelo-debuginfo (C), kelo-debuginfo-cxx (C++) and kelo-store"
 export PKG_CONFIG_PATH=$pcdir
 pkg-config --exists --print-errors kelo-debuginfo kelo-debuginfo-cxx
 [[ $(pkg-config --modversion kelo-debuginfo) == $(pkg-config --modversion kelo-elf) ]]
@@ -59,8 +60,13 @@ fi
 # shellcheck disable=SC2086
 "${CXX:-c++}" -std=c++17 -Wall -Wextra -Werror "$source/tests/package/consumer.cpp" -o "$work/cxx_pc" \
   $(pkg-config --cflags --libs kelo-debuginfo-cxx) -Wl,-rpath,"$libdir"
+# shellcheck disable=SC2086
+"${CXX:-c++}" -std=c++17 -Wall -Wextra -Werror "$source/tests/package/store_consumer.cpp" -o "$work/store_pc" \
+  $(pkg-config --cflags --libs kelo-store) -Wl,-rpath,"$libdir"
 "$work/c_pc" "$examples/main.o" "$work/c_pc.kdbg"
 "$work/cxx_pc" "$examples/main.o"
+"$work/store_pc" "$examples/main.o" "$work/store_pc.kdbg"
+cmp "$work/store.kdbg" "$work/store_pc.kdbg"
 cmp "$work/c.kdbg" "$work/c_pc.kdbg"
 
 step "the build tree's own export"

@@ -174,7 +174,7 @@ void addCommand(const Request& r) {
   std::vector<PlannedEntry> plan = c.store.plan();
   for (size_t i = 0; i < entries.size(); ++i)
     plan.push_back(PlannedEntry{entries[i].id.key(), nullptr, nullptr, &images[i], {}});
-  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void removeCommand(const Request& r) {
@@ -187,7 +187,7 @@ void removeCommand(const Request& r) {
   for (PlannedEntry& p : c.store.plan()) {
     if (gone.count(p.from) == 0) plan.push_back(std::move(p));
   }
-  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void setAddrCommand(const Request& r) {
@@ -223,7 +223,7 @@ void setAddrCommand(const Request& r) {
       entry.sections.push_back(p);
     }
   }
-  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void unsetAddrCommand(const Request& r) {
@@ -244,7 +244,7 @@ void unsetAddrCommand(const Request& r) {
     auto found = recorded(name);
     if (found != entry.sections.end()) entry.sections.erase(found);
   }
-  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void renumberCommand(const Request& r) {
@@ -288,7 +288,7 @@ void renumberCommand(const Request& r) {
       }
     }
   }
-  c.out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void mergeCommand(const Request& r) {
@@ -329,7 +329,7 @@ void mergeCommand(const Request& r) {
     }
     for (PlannedEntry& p : stores.back()->plan()) plan.push_back(std::move(p));
   }
-  out.writeWith([&plan](int fd) { return writePlanned(plan, fd); });
+  out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
 void listCommand(const Request& r) {
