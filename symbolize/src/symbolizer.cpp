@@ -28,6 +28,7 @@ struct Symbolizer::Impl {
   };
 
   Options options;
+  std::unique_ptr<kelo_debuginfo::DebugInfoList> owned;  // a view's placed entries
   std::vector<Entry> entries;
   AddressMap map;
   std::list<size_t> recentUse;  // entries with loaded info, most recent first
@@ -122,6 +123,23 @@ Symbolizer::Symbolizer(const kelo_debuginfo::DebugInfoList& list, const Options&
   for (const auto& entry : list.entries) impl_->addEntry(entry.first, entry.second, any64, any32);
   impl_->addressBits = any32 && !any64 ? 32 : 64;
   impl_->map.finish();
+}
+
+Symbolizer::Symbolizer(const kelo_store::View& view, const Options& options) : impl_(std::make_unique<Impl>()) {
+  auto list = std::make_unique<kelo_debuginfo::DebugInfoList>();
+  for (const kelo_store::IndexedEntry* e : view.entries()) {
+    if (e->sections.empty()) continue;
+    absl::optional<kelo_elf::ELF> image = view.loadImage(*e);
+    if (!image) {
+      if (options.report) options.report(e->id, "its image does not load; left out");
+      continue;
+    }
+    list->add(e->id, std::move(*image));
+    auto& addresses = list->entries.find(e->id)->second.sectionAddrs;
+    for (const auto& s : e->sections) addresses.emplace(s.first, s.second);
+  }
+  *this = Symbolizer(*list, options);
+  impl_->owned = std::move(list);
 }
 
 Symbolizer::~Symbolizer() = default;

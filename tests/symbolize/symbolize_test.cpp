@@ -4,8 +4,10 @@
 // files at their own addresses, variables, lazy loading with a cache bounded
 // in bytes, the limits on hostile stores, and the C interface. Agreement
 // with binutils and LLVM on real programs is the comparison scripts'.
+#include <fcntl.h>
 #include <gelf.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -15,6 +17,7 @@
 
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
+#include "kelo/store.hpp"
 #include "kelo/symbolize.h"
 #include "kelo/symbolize.hpp"
 #include "support/files.h"
@@ -273,6 +276,62 @@ TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   EXPECT_EQ(symbolizer.resolve(0x1040)->variable, "overlay_table");
   EXPECT_EQ(symbolizer.resolve(0x2000)->variable, "scratch");
   EXPECT_FALSE(symbolizer.resolve(0x4000));  // an empty section takes no address
+}
+
+// A view gives the same map and answers as the list it was written from,
+// and an entry whose image does not load is left out and reported.
+TEST(Resolve, AViewAnswersAsItsListAndLeavesOutImagesThatDoNotLoad) {
+  DebugInfoList list = exampleList();
+  list.add(DebugInfoID(1, 9, 0), example("extra.o"));  // no address: not loaded
+  kelo_test::TempDir dir;
+  const std::string name = dir.file("list.kdbg");
+  {
+    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_TRUE(kelo_store::writeList(list, fd));
+    close(fd);
+  }
+  absl::optional<kelo_store::View> view = kelo_store::View::open(name);
+  ASSERT_TRUE(view.has_value());
+  const Symbolizer fromList(list);
+  Symbolizer fromView(*view);
+  view.reset();  // the Symbolizer keeps what it needs
+  ASSERT_EQ(fromView.ranges().size(), fromList.ranges().size());
+  for (size_t i = 0; i < fromList.ranges().size(); ++i) {
+    EXPECT_EQ(fromView.ranges()[i].id, fromList.ranges()[i].id);
+    EXPECT_EQ(fromView.ranges()[i].section, fromList.ranges()[i].section);
+    EXPECT_EQ(fromView.ranges()[i].start, fromList.ranges()[i].start);
+  }
+  absl::optional<Location> loc = fromView.resolve(0x300f);
+  ASSERT_TRUE(loc);
+  EXPECT_EQ(loc->frames.at(0).function, "util_scale");
+
+  // An entry whose image is not an image.
+  const std::vector<unsigned char> junk = {'J', 'U', 'N', 'K'};
+  const std::vector<unsigned char> bytes = kelo_test::readFile(name);
+  const std::string bad = dir.file("bad.kdbg");
+  {
+    // The header of the file above, then one entry (1:5) whose 4-byte
+    // image is junk, with .text at 0x1000.
+    std::vector<unsigned char> file(bytes.begin(), bytes.begin() + 12);
+    const unsigned char one[] = {1, 0, 0, 0, 0, 0, 0, 0, 1, 5, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
+    file.insert(file.end(), one, one + sizeof one);
+    file.insert(file.end(), junk.begin(), junk.end());
+    const unsigned char section[] = {1, 0, 0, 0,   0,   0,   0,   0,   5, 0,    0, 0, 0,
+                                     0, 0, 0, '.', 't', 'e', 'x', 't', 0, 0x10, 0, 0};
+    file.insert(file.end(), section, section + sizeof section);
+    ASSERT_TRUE(kelo_test::writeFile(bad, file));
+  }
+  absl::optional<kelo_store::View> badView = kelo_store::View::open(bad);
+  ASSERT_TRUE(badView.has_value());
+  std::vector<std::string> told;
+  kelo_symbolize::Options options;
+  options.report = [&told](const DebugInfoID& id, const std::string& why) {
+    told.push_back(std::to_string(id.number()) + ": " + why);
+  };
+  const Symbolizer none(*badView, options);
+  EXPECT_TRUE(none.ranges().empty());
+  ASSERT_EQ(told.size(), 1u);
+  EXPECT_EQ(told[0], "5: its image does not load; left out");
 }
 
 TEST(Resolve, AReusedLocationHoldsOnlyTheNewAnswer) {

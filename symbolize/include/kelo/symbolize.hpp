@@ -45,6 +45,7 @@
 
 #include "absl/types/optional.h"
 #include "kelo/DebugInfoList.h"
+#include "kelo/store.hpp"
 
 namespace kelo_symbolize {
 
@@ -132,6 +133,11 @@ class KELO_EXPORT Symbolizer {
   // nothing else. REQUIRES: `list` outlives the Symbolizer and does not
   // change while it is used.
   explicit Symbolizer(const kelo_debuginfo::DebugInfoList& list, const Options& options = Options());
+  // The same for the entries of a view that record addresses (the only
+  // ones an address can reach), whose images are loaded now and kept by
+  // the Symbolizer; the view may go. An entry whose image does not load is
+  // left out, and Options::report told why. Throws std::bad_alloc.
+  explicit Symbolizer(const kelo_store::View& view, const Options& options = Options());
   ~Symbolizer();
   Symbolizer(Symbolizer&&) noexcept;
   Symbolizer& operator=(Symbolizer&&) noexcept;
