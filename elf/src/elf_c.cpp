@@ -1,7 +1,7 @@
 // The C interface of the image library. Every function converts its
 // arguments, calls the public C++ interface and converts the answer back,
-// inside the one exception barrier (capi/guard.h). A keloElf* is a
-// kelo_elf::ELF (capi/handles.h).
+// inside the one exception barrier (elf_internal/guard.h). A keloElf* is a
+// kelo_elf::ELF (elf_internal/handles.h).
 #include "kelo/elf.h"
 
 #include <sys/stat.h>
@@ -13,8 +13,8 @@
 #include <string>
 #include <utility>
 
-#include "capi/guard.h"
-#include "capi/handles.h"
+#include "elf_internal/guard.h"
+#include "elf_internal/handles.h"
 #include "kelo/elf.hpp"
 #include "serialize/orvel/io/ReadBuffer.h"
 
@@ -22,8 +22,8 @@ namespace {
 
 using kelo_capi::guarded;
 using kelo_elf::ELF;
-using kelo_handles::toHandle;
-using kelo_handles::toImage;
+using kelo_elf_handles::toHandle;
+using kelo_elf_handles::toImage;
 
 // A heap copy of the image made from `bytes`, or null. Throws what loading
 // throws.

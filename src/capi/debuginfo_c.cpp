@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "absl/types/optional.h"
-#include "capi/guard.h"
+#include "elf_internal/guard.h"
 #include "capi/handles.h"
 #include "file/DebugInfoFile.h"
 #include "file/format.h"

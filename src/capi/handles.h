@@ -1,15 +1,17 @@
-// The one place where the C handles are looked through as the C++ objects
-// behind them, and where identifier records meet identifiers:
+// The one place where the debug-info library's C handles are looked through
+// as the C++ objects behind them, and where identifier records meet
+// identifiers:
 //   keloDbgList  a heap kelo_debuginfo::DebugInfoList
 //   keloDbgElf   a kelo_elf::ELF (the same object as a keloElf*)
-//   keloElf*     a kelo_elf::ELF
 //   keloDbgID    kind and 32-bit number of a kelo_elf::DebugInfoID
-// The C layers of the libraries, the tool, the tests and the benchmark
-// convert through these functions and nowhere else.
+// A keloElf* is converted by the image library's own header, which this one
+// passes on. The C layers above the image library, the tests and the
+// benchmark convert through these functions and nowhere else.
 #ifndef KELO_CAPI_HANDLES_H_
 #define KELO_CAPI_HANDLES_H_
 
 #include "absl/types/optional.h"
+#include "elf_internal/handles.h"
 #include "file/format.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/debuginfo.h"
@@ -18,11 +20,8 @@
 
 namespace kelo_handles {
 
-inline kelo_elf::ELF* toImage(keloElf* image) noexcept { return reinterpret_cast<kelo_elf::ELF*>(image); }
-inline const kelo_elf::ELF* toImage(const keloElf* image) noexcept {
-  return reinterpret_cast<const kelo_elf::ELF*>(image);
-}
-inline keloElf* toHandle(kelo_elf::ELF* image) noexcept { return reinterpret_cast<keloElf*>(image); }
+using kelo_elf_handles::toHandle;
+using kelo_elf_handles::toImage;
 
 inline kelo_debuginfo::DebugInfoList* toList(keloDbgList list) noexcept {
   return reinterpret_cast<kelo_debuginfo::DebugInfoList*>(list);

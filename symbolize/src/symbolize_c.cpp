@@ -9,7 +9,7 @@
 
 #include <utility>
 
-#include "capi/guard.h"
+#include "elf_internal/guard.h"
 #include "capi/handles.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/symbolize.hpp"

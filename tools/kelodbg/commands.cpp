@@ -144,7 +144,8 @@ namespace {
 struct Changed {
   Output out;
   Store store;
-  Changed(const Request& r, const std::string& file) : out(Output::change(file, r.wait)), store(out.readPath(), file) {
+  Changed(const Request& r, const std::string& file)
+      : out(Output::change(file, r.wait)), store(out.lockedFile(), file) {
     if (!r.dropUnread) refuseDrops(store.report(), file);
   }
 };
@@ -302,7 +303,7 @@ void mergeCommand(const Request& r) {
   Output out = into ? Output::change(r.into, r.wait) : Output::result(r.file, views, r.wait);
   std::unique_ptr<Store> target;
   if (into) {
-    target = std::make_unique<Store>(out.readPath(), r.into);
+    target = std::make_unique<Store>(out.lockedFile(), r.into);
     if (!r.dropUnread) refuseDrops(target->report(), r.into);
     for (const Input* input : views) {
       if (out.isFileOf(*input))

@@ -27,6 +27,7 @@
 #include "check.h"
 #include "file/format.h"
 #include "file/inspect.h"
+#include "kelo/store.hpp"
 #include "serialize/orvel/io/ReadBuffer.h"
 #include "text.h"
 
@@ -630,20 +631,6 @@ int Input::keptStream() const {
   return fd;
 }
 
-ListPtr Input::readList(Drops drops) const {
-  if (!isStream()) return kelodbg::readList(path_, display_, drops);
-  // A stream is checked as it arrives, and kept for the read once it checks
-  // out (it can be read only once).
-  if (spool_ < 0) spoolReport_ = readStream(true);
-  if (spoolReport_.fault) failWith(spoolReport_, display_);
-  if (drops == Drops::kRefuse) refuseDrops(spoolReport_, display_);
-  errno = 0;
-  ListPtr list(keloDbgRead(descriptorPath(spool_).c_str()));
-  if (!list && errno != 0 && errno != ENOMEM) fail(Exit::kFileIo, display_, errnoText(errno));
-  if (!list) fail(Exit::kNoMemory, display_, "out of memory while reading it (the file itself checks out)");
-  return list;
-}
-
 Report Input::check() const {
   if (isStream()) return readStream(false);
   return inspectPath(path_, display_);
@@ -725,20 +712,6 @@ kelo_elf::ELF Input::loadElf() const {
   }
 }
 
-ListPtr readList(const std::string& path, const std::string& name, Drops drops) {
-  if (drops == Drops::kRefuse) {
-    const Report report = inspectPath(path, name);
-    if (report.fault) failWith(report, name);
-    refuseDrops(report, name);
-  }
-  ListPtr list(keloDbgRead(path.c_str()));
-  if (list) return list;
-  // The library does not say why; the checker does.
-  const Report report = inspectPath(path, name);
-  if (!report.fault) fail(Exit::kNoMemory, name, "out of memory while reading it (the file itself checks out)");
-  failWith(report, name);
-}
-
 void refuseDrops(const Report& report, const std::string& name) {
   if (report.dropCount == 0) return;
   std::string lost;
@@ -804,7 +777,6 @@ Output Output::change(const std::string& name, double waitSeconds) {
   out.device_ = st.st_dev;
   out.inode_ = st.st_ino;
   out.lockFd_ = lock.release();
-  out.readPath_ = descriptorPath(out.lockFd_);
   return out;
 }
 
@@ -866,7 +838,6 @@ Output Output::result(const std::string& name, const std::vector<const Input*>& 
 Output::Output(Output&& o) noexcept
     : display_(std::move(o.display_)),
       target_(std::move(o.target_)),
-      readPath_(std::move(o.readPath_)),
       isStream_(o.isStream_),
       streamFd_(std::exchange(o.streamFd_, -1)),
       ownsStream_(std::exchange(o.ownsStream_, false)),
@@ -916,17 +887,16 @@ void Output::replace(WriteTo&& write) {
 void Output::stream(const std::function<void(int)>& write) { write(streamFd_); }
 
 void Output::writeList(const ListPtr& list) {
-  // keloDbgWrite takes a name; the descriptor's own name makes it write to
-  // exactly the file opened here, whatever happens to names in the folder.
   auto writeTo = [this, &list](int fd) {
-    errno = 0;
-    if (keloDbgWrite(list.handle(), descriptorPath(fd).c_str())) return;
-    const int err = errno;
-    if (err == ENOMEM || err == 0) {
-      fail(err == ENOMEM ? Exit::kNoMemory : Exit::kFailure, display_,
-           err == ENOMEM ? "out of memory while writing" : "an entry's image cannot be saved; nothing written");
+    bool written = false;
+    try {
+      written = kelo_store::writeList(*list, fd);
+    } catch (const std::bad_alloc&) {
+      fail(Exit::kNoMemory, display_, "out of memory while writing");
     }
-    fail(Exit::kFileIo, display_, ioFailure("cannot write", err));
+    if (written) return;
+    if (errno == 0) fail(Exit::kFailure, display_, "an entry's image cannot be saved; nothing written");
+    fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
   };
   if (!isStream_) return replace(writeTo);
   // A stream gets the whole file or, when writing it fails, nothing: the

@@ -78,9 +78,6 @@ void setMaxInput(uint64_t bytes);
 // addr2line). A second reader of one stream is a usage error.
 void claimStandardInput(const char* what);
 
-// What to do with a file that holds what reading drops.
-enum class Drops { kIgnore, kRefuse, kDrop };
-
 // A file named on the command line as an input.
 class Input {
  public:
@@ -99,9 +96,6 @@ class Input {
   dev_t device() const { return device_; }
   ino_t inode() const { return inode_; }
 
-  // Reads the debug-info file, explaining every failure. With Drops::kRefuse
-  // a file that holds what reading drops is refused (exit 14).
-  ListPtr readList(Drops drops = Drops::kIgnore) const;
   // A stream, checked as it arrived and kept: a new descriptor of the copy.
   // Throws Failure when it does not check out. REQUIRES: isStream().
   int keptStream() const;
@@ -130,10 +124,6 @@ class Input {
   ino_t inode_ = 0;
 };
 
-// Reads the debug-info file at `path` (a name the library can open; `name`
-// is the file's name for messages).
-ListPtr readList(const std::string& path, const std::string& name, Drops drops = Drops::kIgnore);
-
 // Refuses (exit 14) a file whose check found what reading drops, naming it.
 void refuseDrops(const Report& report, const std::string& name);
 
@@ -160,8 +150,8 @@ class Output {
   // Whether the file that a change replaces is `input`.
   bool isFileOf(const Input& input) const;
 
-  // For change(): the name to read the locked file through.
-  const std::string& readPath() const { return readPath_; }
+  // For change(): the locked file's descriptor, to read it through.
+  int lockedFile() const { return lockFd_; }
   const std::string& name() const { return display_; }
 
   // Writes the whole result. Each may be called once.
@@ -177,9 +167,8 @@ class Output {
   void replace(WriteTo&& write);
   void stream(const std::function<void(int fd)>& write);
 
-  std::string display_;   // the name as given, for messages
-  std::string target_;    // the file replaced (symbolic links followed)
-  std::string readPath_;  // change(): the locked descriptor's name
+  std::string display_;  // the name as given, for messages
+  std::string target_;   // the file replaced (symbolic links followed)
   bool isStream_ = false;
   int streamFd_ = -1;        // result() to a stream: the open descriptor
   bool ownsStream_ = false;  // streamFd_ was opened here

@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "capi/handles.h"
 #include "tool.h"
 
 namespace kelodbg {
@@ -95,12 +94,6 @@ std::string splitAssignment(const std::string& text, const char* form, std::stri
   return {};
 }
 
-List& ListPtr::operator*() const { return *kelo_handles::toList(handle_.get()); }
-
-ListPtr newList() {
-  ListPtr list(keloDbgAlloc());
-  if (!list) fail(Exit::kNoMemory, {}, "out of memory");
-  return list;
-}
+ListPtr newList() { return std::make_unique<List>(); }
 
 }  // namespace kelodbg

@@ -24,7 +24,7 @@ Store::Store(const Input& input) : name_(input.name()) {
   }
 }
 
-Store::Store(const std::string& path, const std::string& name) : name_(name) { open(path, -1); }
+Store::Store(int fd, const std::string& name) : name_(name) { open({}, fd); }
 
 void Store::open(const std::string& path, int fd) {
   Report report;
@@ -101,9 +101,7 @@ ListPtr Store::placedList() const {
     fail(Exit::kNoMemory, name_, "out of memory while loading images");
   }
   if (!list) badImage(*failed);
-  ListPtr out = newList();
-  out->merge(*list);
-  return out;
+  return std::make_unique<List>(std::move(*list));
 }
 
 }  // namespace kelodbg

@@ -25,9 +25,9 @@ class Store {
   // can be read only once). Throws Failure with the decoder's reason when
   // the file does not read.
   explicit Store(const Input& input);
-  // The same for a path that the tool itself opened (a locked file), and
+  // The same for a file that the tool itself opened (a locked file), and
   // the file's name for messages.
-  Store(const std::string& path, const std::string& name);
+  Store(int fd, const std::string& name);
 
   const std::string& name() const { return name_; }
   const Report& report() const { return view_->report(); }

@@ -68,23 +68,8 @@ std::string splitAssignment(const std::string& text, const char* form, std::stri
 
 using List = kelo_debuginfo::DebugInfoList;
 
-struct ListDeleter {
-  void operator()(keloDbgList list) const { keloDbgFree(list); }
-};
-// A list made by the C interface (keloDbgAlloc, keloDbgRead), used through
-// the C++ class.
-class ListPtr {
- public:
-  ListPtr() = default;
-  explicit ListPtr(keloDbgList handle) : handle_(handle) {}
-  explicit operator bool() const { return handle_ != nullptr; }
-  keloDbgList handle() const { return handle_.get(); }
-  List& operator*() const;
-  List* operator->() const { return &**this; }
-
- private:
-  std::unique_ptr<std::remove_pointer_t<keloDbgList>, ListDeleter> handle_;
-};
+// A list owned by the tool.
+using ListPtr = std::unique_ptr<List>;
 
 // A new empty list.
 ListPtr newList();

@@ -1,7 +1,7 @@
-// The exception barrier of the C interfaces: the one place where a C call
-// stops exceptions.
-#ifndef KELO_CAPI_GUARD_H_
-#define KELO_CAPI_GUARD_H_
+// The exception barrier of the C interfaces (the image library's and those
+// of the libraries above it): the one place where a C call stops exceptions.
+#ifndef KELO_ELF_INTERNAL_GUARD_H_
+#define KELO_ELF_INTERNAL_GUARD_H_
 
 #include <cxxabi.h>
 
@@ -54,4 +54,4 @@ void guarded(Body&& body) {
 
 }  // namespace kelo_capi
 
-#endif  // KELO_CAPI_GUARD_H_
+#endif  // KELO_ELF_INTERNAL_GUARD_H_
