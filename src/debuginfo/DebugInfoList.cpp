@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "debuginfo/renumbering.h"
 #include "file/format.h"
 
 namespace kelo_debuginfo {
@@ -19,56 +20,6 @@ static_assert(noexcept(std::declval<const DebugInfoID&>() == std::declval<const 
               "identifier equality must not throw");
 static_assert(std::is_nothrow_copy_assignable<decltype(kelo_elf::ELF::debugInfoID)>::value,
               "stamping an image must not throw");
-
-// The identifiers that a renumbering deals with and the roles each plays:
-// old or new in a pair, filed in the list. One flat open-addressing table:
-// one allocation, no node per identifier.
-class RenumberingRoles {
- public:
-  enum Role : uint8_t { kOld = 1, kNew = 2, kFiled = 4 };
-
-  // Room for `ids` identifiers, at most half of the slots used. (Far fewer
-  // than SIZE_MAX / 4: no overflow.)
-  explicit RenumberingRoles(std::size_t ids) : slots_(capacityFor(ids)), mask_(slots_.size() - 1) {}
-
-  // Starts fetching the slot of `id`, to be marked soon.
-  void prefetch(const DebugInfoID& id) const { __builtin_prefetch(&slots_[id.hash() & mask_]); }
-
-  // Gives `id` the role; answers the roles it had before.
-  uint8_t mark(const DebugInfoID& id, Role role) {
-    Slot& slot = slots_[indexOf(id)];
-    const uint8_t before = slot.roles;
-    slot.id = id;
-    slot.roles = static_cast<uint8_t>(before | role);
-    return before;
-  }
-
- private:
-  struct Slot {
-    DebugInfoID id;
-    uint8_t roles = 0;  // 0: a free slot
-  };
-
-  static std::size_t capacityFor(std::size_t ids) {
-    std::size_t capacity = 8;
-    while (capacity < 2 * ids) capacity *= 2;
-    return capacity;
-  }
-
-  // The slot holding `id`, or the free slot where it belongs.
-  std::size_t indexOf(const DebugInfoID& id) const {
-    for (std::size_t i = id.hash() & mask_;; i = (i + 1) & mask_) {
-      const Slot& slot = slots_[i];
-      if (slot.roles == 0 || slot.id == id) return i;
-    }
-  }
-
-  std::vector<Slot> slots_;
-  std::size_t mask_;
-};
-
-// Slots are fetched this many pairs ahead of their use.
-constexpr std::size_t kAhead = 8;
 
 }  // namespace
 
@@ -104,31 +55,9 @@ void DebugInfoList::clear() {
 }
 
 bool DebugInfoList::update(absl::Span<const DebugInfoNewID> ids) {
-  // Checks first, with nothing changed: the four refusals. Whether an
-  // identifier is filed is asked of the map for each pair when the pairs are
-  // few; when they name a good part of the list, one walk over the list
-  // notes every filed identifier in the table instead, which costs less
-  // than two lookups a pair.
-  const bool walk = ids.size() * 4 >= entries.size();
-  RenumberingRoles roles(2 * ids.size() + (walk ? entries.size() : 0));
-  if (walk) {
-    for (const auto& entry : entries) roles.mark(entry.first, RenumberingRoles::kFiled);
-  }
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].oldID);
-    const uint8_t had = roles.mark(ids[i].oldID, RenumberingRoles::kOld);
-    if (had & RenumberingRoles::kOld) return false;  // an old identifier twice
-    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].oldID) != 0;
-    if (!filed) return false;  // an old identifier not filed
-  }
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (i + kAhead < ids.size()) roles.prefetch(ids[i + kAhead].newID);
-    const uint8_t had = roles.mark(ids[i].newID, RenumberingRoles::kNew);
-    if (had & RenumberingRoles::kNew) return false;  // a new identifier twice
-    if (had & RenumberingRoles::kOld) continue;      // its entry moves away
-    const bool filed = walk ? (had & RenumberingRoles::kFiled) != 0 : entries.count(ids[i].newID) != 0;
-    if (filed) return false;  // held by an entry that keeps its identifier
-  }
+  // Checks first, with nothing changed: the four refusals, in the one order
+  // that explanations of a refusal follow too.
+  if (checkRenumbering(entries, ids).reason != RenumberRefusal::kNone) return false;
 
   // Re-keying. The renumbered entries' nodes are taken out of the map, given
   // their new keys and put back: entries stay where they are in memory and

@@ -74,6 +74,9 @@ test_renumber() {
   expect 10 'two entries would be renumbered to 1:0x00000050' -- "$kelodbg" renumber game.kdbg 7=0x50 0x20=0x50
   expect 10 'identifier 1:0x00000007 is renumbered twice' -- "$kelodbg" renumber game.kdbg 7=0x50 1:7=0x51
   expect 8 'no entry 1:0x00000099' -- "$kelodbg" renumber game.kdbg 7=8 0x99=9
+  # The reason given is the first one the list's own check meets, pair by
+  # pair: the missing 0x99 comes before the twice renumbered 7.
+  expect 8 'no entry 1:0x00000099' -- "$kelodbg" renumber game.kdbg 0x99=9 7=0x50 7=0x51
   same_file game.kdbg before.kdbg "refused renumberings"
   # An exchange, and a move to another kind, in one step.
   expect 0 '' -- "$kelodbg" rename game.kdbg 0x20=0x00011234 0x00011234=0x20 7=200:7

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 
 #include <fmt/format.h>
 
@@ -257,14 +258,12 @@ void renumberCommand(const Request& r) {
     pairs.push_back({idFrom(oldText).key(), idFrom(newText).key()});
   }
   Changed c(r, r.file);
-  // The list's own rules decide, on a list of the identifiers alone.
+  // The list's own rules decide, on the identifiers alone, and say why.
   List ids;
   for (const IndexedEntry* e : c.store.entries()) ids.entries.try_emplace(e->id);
-  if (!ids.update(pairs)) {
+  const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::checkRenumbering(ids.entries, pairs);
+  if (why.reason != kelo_debuginfo::RenumberRefusal::kNone) {
     using kelo_debuginfo::RenumberRefusal;
-    List before;
-    for (const IndexedEntry* e : c.store.entries()) before.entries.try_emplace(e->id);
-    const kelo_debuginfo::RenumberDiagnosis why = kelo_debuginfo::diagnoseRenumbering(before.entries, pairs);
     const std::string id = format(Id::of(why.id));
     switch (why.reason) {
       case RenumberRefusal::kRepeatedOld:
@@ -280,14 +279,12 @@ void renumberCommand(const Request& r) {
     }
     fail(Exit::kRefused, r.file, "renumbering refused");
   }
+  std::unordered_map<kelo_elf::DebugInfoID, kelo_elf::DebugInfoID> renamed;
+  for (const auto& pair : pairs) renamed.emplace(pair.oldID, pair.newID);
   std::vector<PlannedEntry> plan = c.store.plan();
   for (PlannedEntry& p : plan) {
-    for (const auto& pair : pairs) {
-      if (pair.oldID == p.id) {
-        p.id = pair.newID;
-        break;
-      }
-    }
+    auto found = renamed.find(p.id);
+    if (found != renamed.end()) p.id = found->second;
   }
   c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
