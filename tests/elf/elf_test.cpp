@@ -233,6 +233,13 @@ TEST(ElfRefusal, OneDamageOfEachKindIsRefused) {
       kelo_test::put(bad, d.at, d.width, d.value, big);
       EXPECT_FALSE(load(bad).has_value()) << d.what;
     }
+    {
+      // No program headers: their offset is not looked at, by the library
+      // nor by the reference.
+      Bytes odd = good;
+      kelo_test::put(odd, is64 ? 32 : 28, addr, is64 ? uint64_t{1} << 58 : 0xfffffff0u, big);
+      EXPECT_TRUE(load(odd).has_value()) << "a program header offset with no program headers";
+    }
     if (is64) {
       // A table offset that wraps round to just before the bytes, with the
       // count escaped to section 0: a bounds check that adds offset and

@@ -9,73 +9,7 @@
 namespace kelo_test {
 namespace {
 
-// What the file header says about the section header table, in host byte
-// order.
-struct Header {
-  bool noSections;  // an executable or shared object without a section header table
-  uint32_t shnum;
-  uint32_t shstrndx;
-};
-
 bool inside(uint64_t offset, uint64_t length, uint64_t size) { return offset <= size && size - offset >= length; }
-
-// The unsigned integer of `width` bytes at `p`, in the file's byte order.
-uint64_t field(const unsigned char* p, unsigned width, bool big) {
-  uint64_t v = 0;
-  for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[big ? i : width - 1 - i];
-  return v;
-}
-
-// Parses and checks the file header: identification, version, and that the
-// program and section header tables lie inside the bytes with entries of the
-// standard size. Resolves the extended numbering kept in section 0.
-bool readHeader(absl::Span<unsigned char const> bytes, Header& h) {
-  if (bytes.size() < EI_NIDENT) return false;
-  const unsigned char* id = bytes.data();
-  if (id[EI_MAG0] != ELFMAG0 || id[EI_MAG1] != ELFMAG1 || id[EI_MAG2] != ELFMAG2 || id[EI_MAG3] != ELFMAG3)
-    return false;
-  if (id[EI_CLASS] != ELFCLASS32 && id[EI_CLASS] != ELFCLASS64) return false;
-  if (id[EI_DATA] != ELFDATA2LSB && id[EI_DATA] != ELFDATA2MSB) return false;
-  if (id[EI_VERSION] != EV_CURRENT) return false;
-
-  const bool is64 = id[EI_CLASS] == ELFCLASS64;
-  // Every field read here lies in the file header, or in section 0 once the
-  // table is known to be inside the bytes.
-  if (bytes.size() < (is64 ? sizeof(Elf64_Ehdr) : sizeof(Elf32_Ehdr))) return false;
-  const bool big = id[EI_DATA] == ELFDATA2MSB;
-  const auto at = [&](uint64_t offset, unsigned width) { return field(bytes.data() + offset, width, big); };
-  // The address-sized fields e_entry, e_phoff and e_shoff are 4 or 8 bytes
-  // wide; the 2-byte fields follow e_flags and e_ehsize.
-  const unsigned addr = is64 ? 8 : 4;
-  const uint64_t halvesAt = 24 + 3 * addr + 4 + 2;
-  const uint64_t phoff = at(24 + addr, addr), shoff = at(24 + 2 * addr, addr);
-  const uint64_t phentsize = at(halvesAt, 2), shentsize = at(halvesAt + 4, 2);
-  uint64_t phnum = at(halvesAt + 2, 2), shnum = at(halvesAt + 6, 2), shstrndx = at(halvesAt + 8, 2);
-  if (at(20, 4) != EV_CURRENT) return false;
-
-  const uint64_t shdrSize = is64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr);
-  const uint64_t phdrSize = is64 ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr);
-  const auto programHeadersFit = [&] {
-    return phnum == 0 ||
-           (phentsize == phdrSize && phnum <= bytes.size() / phdrSize && inside(phoff, phnum * phdrSize, bytes.size()));
-  };
-  // An executable or shared object stripped of its section header table is
-  // a file without sections; anything else needs the table, which names the
-  // sections.
-  const uint64_t type = at(16, 2);
-  h.noSections = shoff == 0 && shnum == 0 && shstrndx == 0 && (type == ET_EXEC || type == ET_DYN);
-  if (h.noSections) return phnum != PN_XNUM && programHeadersFit();
-  if (shoff == 0 || shentsize != shdrSize || !inside(shoff, shdrSize, bytes.size())) return false;
-  // Section 0 holds the real counts when they do not fit the header.
-  if (shnum == 0) shnum = at(shoff + (is64 ? 32 : 20), addr);
-  if (shstrndx == SHN_XINDEX) shstrndx = at(shoff + (is64 ? 40 : 24), 4);
-  if (phnum == PN_XNUM) phnum = at(shoff + (is64 ? 44 : 28), 4);
-  if (shnum == 0 || shnum > bytes.size() / shdrSize || !inside(shoff, shnum * shdrSize, bytes.size())) return false;
-  if (shstrndx == SHN_UNDEF || shstrndx >= shnum || !programHeadersFit()) return false;
-  h.shnum = static_cast<uint32_t>(shnum);
-  h.shstrndx = static_cast<uint32_t>(shstrndx);
-  return true;
-}
 
 bool libelfReady() {
   // elf_version() sets libelf's one global; a static initialiser runs it
@@ -92,21 +26,58 @@ using ElfPtr = std::unique_ptr<Elf, ElfEnd>;
 }  // namespace
 
 absl::optional<std::vector<std::string>> libelfSectionNames(absl::Span<unsigned char const> bytes) {
-  Header h{};
-  if (!readHeader(bytes, h) || !libelfReady()) return absl::nullopt;
-
+  if (!libelfReady()) return absl::nullopt;
   // A private, 8-byte aligned copy: libelf may convert tables in place.
   std::vector<uint64_t> copy(bytes.size() / sizeof(uint64_t) + 1);
-  std::memcpy(copy.data(), bytes.data(), bytes.size());
+  if (!bytes.empty()) std::memcpy(copy.data(), bytes.data(), bytes.size());
   ElfPtr elf(elf_memory(reinterpret_cast<char*>(copy.data()), bytes.size()));
   if (!elf || elf_kind(elf.get()) != ELF_K_ELF) return absl::nullopt;
-  size_t shnum = 0, shstrndx = 0;
-  if (h.noSections) {
-    if (elf_getshdrnum(elf.get(), &shnum) != 0 || shnum != 0) return absl::nullopt;
-    return std::vector<std::string>();
+
+  // Every fact about the file comes from libelf: the header, and the counts
+  // with their extended numbering resolved. What is checked here are the
+  // rules an image must meet beyond what libelf asks: the version, headers
+  // of the standard size, and tables that lie inside the bytes.
+  GElf_Ehdr eh;
+  const int cls = gelf_getclass(elf.get());
+  if (gelf_getehdr(elf.get(), &eh) == nullptr || (cls != ELFCLASS32 && cls != ELFCLASS64)) return absl::nullopt;
+  const unsigned char data = eh.e_ident[EI_DATA];
+  if ((data != ELFDATA2LSB && data != ELFDATA2MSB) || eh.e_ident[EI_VERSION] != EV_CURRENT ||
+      eh.e_version != EV_CURRENT) {
+    return absl::nullopt;
   }
-  if (elf_getshdrnum(elf.get(), &shnum) != 0 || elf_getshdrstrndx(elf.get(), &shstrndx) != 0) return absl::nullopt;
-  if (shnum != h.shnum || shstrndx != h.shstrndx) return absl::nullopt;
+  const bool is64 = cls == ELFCLASS64;
+  const uint64_t shdrSize = is64 ? sizeof(Elf64_Shdr) : sizeof(Elf32_Shdr);
+  const uint64_t phdrSize = is64 ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr);
+  size_t phnum = 0, shnum = 0, shstrndx = 0;
+  // An executable or shared object stripped of its section header table is
+  // a file without sections; anything else needs the table, which names the
+  // sections.
+  const bool noSections =
+      eh.e_shoff == 0 && eh.e_shnum == 0 && eh.e_shstrndx == 0 && (eh.e_type == ET_EXEC || eh.e_type == ET_DYN);
+  if (!noSections) {
+    if (eh.e_shoff == 0 || eh.e_shentsize != shdrSize || !inside(eh.e_shoff, shdrSize, bytes.size()))
+      return absl::nullopt;
+    if (elf_getshdrnum(elf.get(), &shnum) != 0 || elf_getshdrstrndx(elf.get(), &shstrndx) != 0) return absl::nullopt;
+    if (shnum == 0 || shnum > bytes.size() / shdrSize || !inside(eh.e_shoff, shnum * shdrSize, bytes.size()))
+      return absl::nullopt;
+    if (shstrndx == SHN_UNDEF || shstrndx >= shnum) return absl::nullopt;
+  } else if (eh.e_phnum == PN_XNUM) {
+    return absl::nullopt;
+  }
+  // The program header count, with its extended form read from section 0
+  // (libelf's own elf_getphdrnum also judges e_phoff when the count is 0,
+  // which an image need not meet).
+  phnum = eh.e_phnum;
+  if (phnum == PN_XNUM) {
+    GElf_Shdr zero;
+    Elf_Scn* first = elf_getscn(elf.get(), 0);
+    if (first == nullptr || gelf_getshdr(first, &zero) == nullptr) return absl::nullopt;
+    phnum = zero.sh_info;
+  }
+  if (phnum != 0 && (eh.e_phentsize != phdrSize || phnum > bytes.size() / phdrSize ||
+                     !inside(eh.e_phoff, phnum * phdrSize, bytes.size())))
+    return absl::nullopt;
+  if (noSections) return std::vector<std::string>();
 
   // The section-name string table: inside the bytes and ending in NUL.
   Elf_Scn* strScn = elf_getscn(elf.get(), shstrndx);
