@@ -1,5 +1,6 @@
 // The debug-info file: the codec's encodings of the list's types, and the
-// procedures that write and read whole files. The layout is described in
+// procedures that write and read whole files (reading goes through the one
+// decoder of the format, file/inspect.h). The layout is described in
 // file/format.h.
 #include "file/DebugInfoFile.h"
 
@@ -12,6 +13,7 @@
 
 #include "absl/types/span.h"
 #include "file/format.h"
+#include "file/inspect.h"
 #include "serialize/orvel/Result.h"
 #include "serialize/orvel/io/File.h"
 #include "serialize/orvel/serialize/binary.h"
@@ -35,21 +37,6 @@ struct Encodable<DebugInfoID> {
   }
 };
 
-// Every kind value is accepted.
-template <>
-struct Decodable<DebugInfoID> {
-  template <typename Dec, typename Res = Result<DebugInfoID, typename Dec::ErrTy>>
-  static Res decode(Dec& dec) {
-    auto kind = dec.template readInt<uint8_t>();
-    if (!kind.isOk()) return typename Dec::ErrTy{};
-    auto lo = dec.template readInt<uint16_t>();
-    if (!lo.isOk()) return typename Dec::ErrTy{};
-    auto hi = dec.template readInt<uint16_t>();
-    if (!hi.isOk()) return typename Dec::ErrTy{};
-    return Res(DebugInfoID(kind.value(), lo.value(), hi.value()));
-  }
-};
-
 // The image's bytes as a byte sequence, written from where the image keeps
 // them: the same bytes that save() would give, without the copy. An empty
 // image (a placeholder, no ELF file) cannot be serialised.
@@ -63,30 +50,6 @@ struct Encodable<kelo_elf::ELF> {
   }
 };
 
-// A byte sequence that a new image takes over: the bytes are read straight
-// into the block that the image then keeps. Exceptions of the byte reader
-// and of the image library pass through.
-template <>
-struct Decodable<kelo_elf::ELF> {
-  template <typename Dec, typename Res = Result<kelo_elf::ELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec) {
-    orvel_lib::io::Block block;
-    auto read = dec.readSeq(
-        [&block](Dec& d, unsigned count) { return d.readBytes(count, block, kelo_elf::ELFBytes::adoptRoom(count)); });
-    if (!read.isOk()) return typename Dec::ErrTy{};
-    // No bytes make an empty ELFBytes, which owns no memory; the block's
-    // own room is freed with the block.
-    kelo_elf::ELFBytes bytes;
-    if (block.size() != 0) {
-      bytes = kelo_elf::ELFBytes(block.data(), static_cast<uint32_t>(block.size()));
-      block.release();
-    }
-    absl::optional<kelo_elf::ELF> image = kelo_elf::ELF::adopt(std::move(bytes));
-    if (!image) return typename Dec::ErrTy{};
-    return Res(std::move(*image));
-  }
-};
-
 // The image, then the section table as a map name -> address.
 template <>
 struct Encodable<RelocELF> {
@@ -95,33 +58,6 @@ struct Encodable<RelocELF> {
     Res r = Encodable<kelo_elf::ELF>::encode(entry.elf, enc);
     if (!r.isOk()) return r;
     return Encodable<std::unordered_map<std::string, unsigned>>::encode(entry.sectionAddrs, enc);
-  }
-};
-
-// The image and the section table. A name read twice keeps the address read
-// first. Every exception (memory exhaustion, a length error, the image
-// library's own) becomes ErrTy: one bad entry fails the read, not the caller.
-template <>
-struct Decodable<RelocELF> {
-  template <typename Dec, typename Res = Result<RelocELF, typename Dec::ErrTy>>
-  static Res decode(Dec& dec) {
-    RelocELF entry;
-    if (!decodeInto(dec, entry).isOk()) return typename Dec::ErrTy{};
-    return Res(std::move(entry));
-  }
-
-  // The same into `entry`, an empty one (as a new map node holds), without
-  // moving anything after it is read.
-  template <typename Dec, typename Res = Result<absl::monostate, typename Dec::ErrTy>>
-  static Res decodeInto(Dec& dec, RelocELF& entry) {
-    try {
-      auto image = Decodable<kelo_elf::ELF>::decode(dec);
-      if (!image.isOk()) return typename Dec::ErrTy{};
-      entry.elf = std::move(image.value());
-      return Decodable<std::unordered_map<std::string, unsigned>>::decodeInto(dec, entry.sectionAddrs);
-    } catch (...) {
-      return typename Dec::ErrTy{};
-    }
   }
 };
 
@@ -150,36 +86,6 @@ struct Encodable<DebugInfoList::Map> {
         if (!r.isOk()) return r;
       }
       return absl::monostate{};
-    });
-  }
-};
-
-// A whole list. An identifier read twice keeps the entry read first; the
-// later one is destroyed. Exceptions outside the entries (memory exhaustion
-// while the map grows) pass through.
-template <>
-struct Decodable<DebugInfoList> {
-  template <typename Dec, typename Res = Result<DebugInfoList, typename Dec::ErrTy>>
-  static Res decode(Dec& dec) {
-    return dec.readMap([](Dec& d, unsigned count) -> Res {
-      DebugInfoList::Map entries;
-      // Reserve only what the rest of the file can back; the count itself is
-      // untrusted.
-      entries.reserve(d.backedCount(count, kelo_debuginfo::format::kMinEntrySize));
-      // Each entry is read straight into its node. One whose identifier was
-      // read before is read into `repeated` and dropped.
-      RelocELF repeated;
-      for (unsigned i = 0; i < count; ++i) {
-        auto id = Decodable<DebugInfoID>::decode(d);
-        if (!id.isOk()) return typename Dec::ErrTy{};
-        auto slot = entries.try_emplace(id.value());
-        if (!slot.second) repeated = RelocELF();
-        if (!Decodable<RelocELF>::decodeInto(d, slot.second ? slot.first->second : repeated).isOk())
-          return typename Dec::ErrTy{};
-      }
-      DebugInfoList list;
-      list.entries = std::move(entries);
-      return Res(std::move(list));
     });
   }
 };
@@ -257,19 +163,13 @@ Result<File, Encoder::ErrTy> writeFile(const char* name) {
   return file;
 }
 
-bool isReadable(const FileVersion& v) { return format::isReadableVersion(v.major, v.minor); }
 
 bool writeBody(DebugInfoList& list, File& file) {
   Encoder enc(file);
   return orvel_lib::serialize::Encodable<DebugInfoList::Map>::encode(list.entries, enc).isOk();
 }
 
-absl::optional<DebugInfoList> readBody(File& file) {
-  Decoder dec(file);
-  auto list = orvel_lib::serialize::Decodable<DebugInfoList>::decode(dec);
-  if (!list.isOk()) return absl::nullopt;
-  return std::move(list).value();
-}
+
 
 }  // namespace
 
@@ -289,11 +189,9 @@ bool writeList(DebugInfoList& list, const char* name) {
 }
 
 absl::optional<DebugInfoList> readList(const char* name) {
-  auto opened = readFile(name, kListBuffer);
-  if (!opened.isOk()) return absl::nullopt;
-  FileWithVer& f = opened.value();
-  if (!isReadable(FileVersion{f.major, f.minor, f.patch})) return absl::nullopt;
-  return readBody(f.file);
+  File file = openFile(name, "rb", kListBuffer);
+  if (!file) return absl::nullopt;
+  return decodeList(file);
 }
 
 absl::optional<FileVersion> readVersion(const char* name) {
@@ -312,9 +210,7 @@ bool writeListTo(DebugInfoList& list, File& file) {
 
 absl::optional<DebugInfoList> readListFrom(File& file) {
   if (!file) return absl::nullopt;
-  auto version = readHeader(file);
-  if (!version.isOk() || !isReadable(version.value())) return absl::nullopt;
-  return readBody(file);
+  return decodeList(file);
 }
 
 std::string normalizeFileName(const char* name) {

@@ -18,6 +18,8 @@ namespace kelo_debuginfo {
 namespace file {
 namespace {
 
+using kelo_debuginfo::DebugInfoList;
+using kelo_debuginfo::RelocELF;
 using orvel_lib::io::File;
 using Decoder = orvel_lib::serialize::binary::Decoder<File>;
 
@@ -39,13 +41,20 @@ kelo_elf::DebugInfoID idOf(uint64_t key) {
 // offset of every field, and records the first fault in the report.
 class Walker {
  public:
-  Walker(File& file, Report& report, const Options& options)
-      : file_(file), dec_(file), report_(report), options_(options) {}
+  Walker(File& file, Report& report, const Options& options, DebugInfoList* list)
+      : file_(file), dec_(file), report_(report), options_(options), list_(list) {}
 
   void run() {
     if (!header() || !count()) return;
     std::vector<Occurrence> ids;
-    ids.reserve(dec_.backedCount(report_.entries, format::kMinEntrySize));
+    // Reserve only what the rest of the file can back; the count itself is
+    // untrusted.
+    const std::size_t backed = dec_.backedCount(report_.entries, format::kMinEntrySize);
+    if (list_ != nullptr) {
+      list_->entries.reserve(backed);
+    } else {
+      ids.reserve(backed);
+    }
     for (uint64_t i = 0; i < report_.entries; ++i) {
       if (options_.index) report_.index.emplace_back();
       if (!entry(i, ids)) {
@@ -55,7 +64,8 @@ class Walker {
       ++report_.entriesRead;
       report_.bytes = offset_;
     }
-    if (!report_.fault) trailing();
+    // A reader ignores what follows the last entry, and does not read it.
+    if (!report_.fault && list_ == nullptr) trailing();
     repeatedIds(ids);
   }
 
@@ -94,8 +104,31 @@ class Walker {
       return false;
     }
     id_ = kelo_elf::DebugInfoID(kind, lo, hi);
-    ids.push_back(Occurrence{keyOf(id_), index, start});
     if (kind > format::kMaxCKind) warn(Warning::kKindAboveC, {index, start, "kind"});
+    if (list_ == nullptr) {
+      ids.push_back(Occurrence{keyOf(id_), index, start});
+      return rest(index, start, nullptr);
+    }
+    // Reading a list: the entry goes straight into its node, or, when its
+    // identifier was read before, into one that is dropped. (Memory running
+    // out for the node passes through; inside the entry it fails the read.)
+    auto slot = list_->entries.try_emplace(id_);
+    if (!slot.second) {
+      repeated_ = RelocELF();
+      record(Warning::kDuplicateId, Finding{{index, start, "identifier"}, id_, {}, 0});
+    }
+    RelocELF& target = slot.second ? slot.first->second : repeated_;
+    try {
+      return rest(index, start, &target);
+    } catch (...) {
+      report_.error = ENOMEM;
+      return fail(Fault::kRead, {index, offset_, "entry"});
+    }
+  }
+
+  // The rest of an entry after its identifier: the image, then the section
+  // records; read into `target` when there is one.
+  bool rest(uint64_t index, uint64_t start, RelocELF* target) {
 
     uint64_t length;
     if (!prefix(length, {index, offset_, "image length"})) return false;
@@ -108,7 +141,7 @@ class Walker {
       indexed->imageOffset = offset_;
       indexed->imageSize = static_cast<uint32_t>(length);
     }
-    if (!options_.loadImages) {
+    if (!options_.loadImages && target == nullptr) {
       // No bytes are no image, whatever they would hold.
       if (length == 0) return fail(Fault::kBadImage, image, length);
       if (!skip(length, image)) return false;
@@ -116,12 +149,13 @@ class Walker {
       if (!bytes(length, image, kelo_elf::ELFBytes::kMaxAdoptRoom)) return false;
       // Loaded where the bytes lie, as the reader does, and dropped again.
       // (No bytes are no image.)
-      bool loads = false;
+      absl::optional<kelo_elf::ELF> loaded;
       if (length != 0) {
         kelo_elf::ELFBytes block(scratch_.release(), static_cast<uint32_t>(length));
-        loads = kelo_elf::ELF::adopt(std::move(block)).has_value();
+        loaded = kelo_elf::ELF::adopt(std::move(block));
       }
-      if (!loads) return fail(Fault::kBadImage, image, length);
+      if (!loaded) return fail(Fault::kBadImage, image, length);
+      if (target != nullptr) target->elf = std::move(*loaded);
     }
 
     uint64_t sections;
@@ -137,7 +171,10 @@ class Walker {
       std::string name(reinterpret_cast<const char*>(scratch_.data()), scratch_.size());
       uint32_t address;
       if (!read(address, {index, offset_, "section address"})) return false;
-      if (!names_.insert(name).second) {
+      // The first record of a name counts; a later one is dropped.
+      const bool first = target != nullptr ? target->sectionAddrs.try_emplace(name, address).second
+                                           : names_.insert(name).second;
+      if (!first) {
         Finding f{{index, recordAt, "section name"}, id_, std::move(name), 0};
         record(Warning::kDuplicateSection, std::move(f));
       } else if (indexed != nullptr) {
@@ -251,6 +288,8 @@ class Walker {
   Decoder dec_;
   Report& report_;
   const Options& options_;
+  DebugInfoList* list_;  // reading a list: the entries go here
+  RelocELF repeated_;    // an entry whose identifier was read before
   uint64_t offset_ = 0;
   kelo_elf::DebugInfoID id_;
   orvel_lib::io::Block scratch_;
@@ -263,8 +302,21 @@ Report inspect(File& file, const Options& options) {
   Report report;
   report.opened = static_cast<bool>(file);
   if (!file) return report;
-  Walker(file, report, options).run();
+  Walker(file, report, options, nullptr).run();
   return report;
+}
+
+absl::optional<DebugInfoList> decodeList(File& file, Report* report) {
+  Report local;
+  Report& r = report != nullptr ? *report : local;
+  r = Report();
+  r.opened = static_cast<bool>(file);
+  if (!file) return absl::nullopt;
+  DebugInfoList list;
+  const Options options;
+  Walker(file, r, options, &list).run();
+  if (r.fault) return absl::nullopt;
+  return absl::optional<DebugInfoList>(std::move(list));
 }
 
 Report inspectFile(const char* path, const Options& options) {

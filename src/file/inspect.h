@@ -1,17 +1,19 @@
-// A checker for debug-info files that says what is wrong and where.
+// The one decoder of debug-info files, which says what is wrong and where.
 //
-// The read procedure answers only whether a file reads; this walks the same
-// bytes field by field, one entry at a time, and reports the first error it
-// meets (which field, in which entry, at which byte offset) and everything
-// that reads but is probably not what the writer meant: identifiers or
-// section names that occur twice (the reader keeps the first), kinds that the
-// C interface cannot reach, bytes after the last entry, and count or length
-// prefixes whose high half the reader ignores. A file that this checker
-// passes without an error is one that the read procedure reads, memory
-// permitting.
+// It walks a file field by field, one entry at a time, keeping the byte
+// offset of every field, and reports the first fault it meets (which field,
+// in which entry, at which offset) and everything that reads but is probably
+// not what the writer meant: identifiers or section names that occur twice
+// (the reader keeps the first), kinds that the C interface cannot reach,
+// bytes after the last entry, and count or length prefixes whose high half
+// the reader ignores. Three uses share it: reading a whole list
+// (decodeList, behind keloDbgRead), checking a file (every image loaded,
+// one entry held at a time), and indexing it (images skipped, each entry's
+// place kept). A length is trusted only as far as the stream has shown
+// bytes for it.
 //
-// Internal to this project: the tool links it to explain failures and to
-// implement `kelodbg check`.
+// Internal to this project: the debug-info library reads with it, and the
+// store library and the tool check and index with it.
 #ifndef KELO_FILE_INSPECT_H_
 #define KELO_FILE_INSPECT_H_
 
@@ -21,20 +23,21 @@
 #include <vector>
 
 #include "absl/types/optional.h"
+#include "kelo/DebugInfoList.h"
 #include "kelo/elf.hpp"
-#include "kelo/store.hpp"
+#include "kelo/file_report.hpp"
 #include "serialize/orvel/io/File.h"
 
 namespace kelo_debuginfo {
 namespace file {
 
-// The decoder's findings are the public ones of the store library.
-using kelo_store::Fault;
-using kelo_store::Finding;
-using kelo_store::IndexedEntry;
-using kelo_store::Place;
-using kelo_store::Report;
-using kelo_store::Warning;
+// The decoder's findings, as callers of the store library see them too.
+using kelo_file::Fault;
+using kelo_file::Finding;
+using kelo_file::IndexedEntry;
+using kelo_file::Place;
+using kelo_file::Report;
+using kelo_file::Warning;
 
 struct Options {
   // Load every image as the reader does (a check); otherwise image bytes
@@ -51,6 +54,14 @@ Report inspectFile(const char* path, const Options& options = Options());
 
 // The same on an open stream positioned at the header.
 Report inspect(orvel_lib::io::File& file, const Options& options = Options());
+
+// Reads a whole list from an open stream positioned at the header: the
+// same walk, with every entry kept (the first of each identifier, the first
+// record of each section name). Absent when the walk meets a fault, which
+// `report` (when given) then holds, as it holds the warnings either way.
+// Reads nothing after the last entry. Memory running out for an entry's
+// node passes through as std::bad_alloc; inside an entry it fails the read.
+absl::optional<kelo_debuginfo::DebugInfoList> decodeList(orvel_lib::io::File& file, Report* report = nullptr);
 
 }  // namespace file
 }  // namespace kelo_debuginfo

@@ -15,6 +15,7 @@
 #include "file/format.h"
 #include "file/inspect.h"
 #include "serialize/orvel/io/File.h"
+#include "serialize/orvel/io/ReadBuffer.h"
 
 namespace kelo_store {
 namespace {
@@ -257,10 +258,20 @@ bool writePlanned(const std::vector<PlannedEntry>& entries, int fd) {
 }
 
 absl::optional<kelo_debuginfo::DebugInfoList> readList(const std::string& path, Report* report) {
-  absl::optional<kelo_debuginfo::DebugInfoList> list = kelo_debuginfo::file::readList(path.c_str());
-  // The reader says only whether; the decoder, why.
-  if (!list && report != nullptr) *report = kelo_debuginfo::file::inspectFile(path.c_str());
-  return list;
+  // The reader's own walk, which also says why when it fails.
+  const std::string name = kelo_debuginfo::file::normalizeFileName(path.c_str());
+  errno = 0;
+  orvel_lib::io::File file(std::fopen(name.c_str(), "rb"));
+  if (!file) {
+    if (report != nullptr) {
+      *report = Report();
+      report->fault = Fault::kOpen;
+      report->error = errno;
+    }
+    return absl::nullopt;
+  }
+  file.setBuffer(orvel_lib::io::buffers::kStreamBuffer);
+  return kelo_debuginfo::file::decodeList(file, report);
 }
 
 bool writeList(kelo_debuginfo::DebugInfoList& list, int fd) {
