@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "absl/types/optional.h"
-#include "elf_internal/guard.h"
 #include "capi/handles.h"
+#include "elf_internal/guard.h"
 #include "file/DebugInfoFile.h"
 #include "file/format.h"
 #include "kelo/DebugInfoList.h"

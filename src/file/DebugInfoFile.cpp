@@ -163,13 +163,10 @@ Result<File, Encoder::ErrTy> writeFile(const char* name) {
   return file;
 }
 
-
 bool writeBody(DebugInfoList& list, File& file) {
   Encoder enc(file);
   return orvel_lib::serialize::Encodable<DebugInfoList::Map>::encode(list.entries, enc).isOk();
 }
-
-
 
 }  // namespace
 

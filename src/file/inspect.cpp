@@ -129,7 +129,6 @@ class Walker {
   // The rest of an entry after its identifier: the image, then the section
   // records; read into `target` when there is one.
   bool rest(uint64_t index, uint64_t start, RelocELF* target) {
-
     uint64_t length;
     if (!prefix(length, {index, offset_, "image length"})) return false;
     length &= 0xFFFFFFFFu;
@@ -172,8 +171,8 @@ class Walker {
       uint32_t address;
       if (!read(address, {index, offset_, "section address"})) return false;
       // The first record of a name counts; a later one is dropped.
-      const bool first = target != nullptr ? target->sectionAddrs.try_emplace(name, address).second
-                                           : names_.insert(name).second;
+      const bool first =
+          target != nullptr ? target->sectionAddrs.try_emplace(name, address).second : names_.insert(name).second;
       if (!first) {
         Finding f{{index, recordAt, "section name"}, id_, std::move(name), 0};
         record(Warning::kDuplicateSection, std::move(f));

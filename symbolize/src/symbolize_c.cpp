@@ -9,8 +9,8 @@
 
 #include <utility>
 
-#include "elf_internal/guard.h"
 #include "capi/handles.h"
+#include "elf_internal/guard.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/symbolize.hpp"
 

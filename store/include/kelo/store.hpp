@@ -22,9 +22,9 @@
 
 #include "absl/types/optional.h"
 #include "kelo/DebugInfoList.h"
-#include "kelo/file_report.hpp"
 #include "kelo/elf.hpp"
 #include "kelo/export.h"
+#include "kelo/file_report.hpp"
 
 namespace kelo_store {
 
