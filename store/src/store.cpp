@@ -55,6 +55,14 @@ bool writeAll(int fd, const void* data, size_t size) {
   return true;
 }
 
+// What a file that cannot be opened is.
+Report openFailed(int err) {
+  Report report;
+  report.fault = Fault::kOpen;
+  report.error = err;
+  return report;
+}
+
 uint64_t keyOf(const DebugInfoID& id) { return (uint64_t{id.kind} << 32) | id.number(); }
 
 // Little-endian fields, gathered before they are written.
@@ -67,14 +75,6 @@ void put(std::string& out, uint64_t value, int bytes) {
 absl::optional<View> View::open(const std::string& path, Report* report) {
   View view;
   view.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  if (view.fd_ < 0) {
-    if (report != nullptr) {
-      *report = Report();
-      report->fault = Fault::kOpen;
-      report->error = errno;
-    }
-    return absl::nullopt;
-  }
   if (!view.index(report)) return absl::nullopt;
   return absl::optional<View>(std::move(view));
 }
@@ -82,19 +82,15 @@ absl::optional<View> View::open(const std::string& path, Report* report) {
 absl::optional<View> View::open(int fd, Report* report) {
   View view;
   view.fd_ = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-  if (view.fd_ < 0) {
-    if (report != nullptr) {
-      *report = Report();
-      report->fault = Fault::kOpen;
-      report->error = errno;
-    }
-    return absl::nullopt;
-  }
   if (!view.index(report)) return absl::nullopt;
   return absl::optional<View>(std::move(view));
 }
 
 bool View::index(Report* report) {
+  if (fd_ < 0) {
+    if (report != nullptr) *report = openFailed(errno);
+    return false;
+  }
   kelo_debuginfo::file::Options options;
   options.loadImages = false;
   options.index = true;
@@ -263,11 +259,7 @@ absl::optional<kelo_debuginfo::DebugInfoList> readList(const std::string& path, 
   errno = 0;
   orvel_lib::io::File file(std::fopen(name.c_str(), "rb"));
   if (!file) {
-    if (report != nullptr) {
-      *report = Report();
-      report->fault = Fault::kOpen;
-      report->error = errno;
-    }
+    if (report != nullptr) *report = openFailed(errno);
     return absl::nullopt;
   }
   file.setBuffer(orvel_lib::io::buffers::kStreamBuffer);

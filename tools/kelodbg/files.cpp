@@ -898,23 +898,20 @@ void Output::writeList(const ListPtr& list) {
     if (errno == 0) fail(Exit::kFailure, display_, "an entry's image cannot be saved; nothing written");
     fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
   };
-  if (!isStream_) return replace(writeTo);
-  // A stream gets the whole file or, when writing it fails, nothing: the
-  // list is written to memory first (and appending to a redirected standard
-  // output keeps its place, which reopening the descriptor would not).
-  Fd spool = memoryFile("kelodbg-output");
-  writeTo(spool.get());
-  if (lseek(spool.get(), 0, SEEK_SET) != 0) fail(Exit::kFileIo, display_, errnoText(errno));
-  bool readFailed = false;
-  if (!copyAll(spool.get(), streamFd_, readFailed)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
+  whole(writeTo);
 }
 
 void Output::writeWith(const std::function<bool(int)>& write) {
-  auto writeTo = [&](int fd) {
+  whole([&](int fd) {
     if (!write(fd)) fail(Exit::kFileIo, display_, ioFailure("cannot write", errno));
-  };
+  });
+}
+
+void Output::whole(const std::function<void(int)>& writeTo) {
   if (!isStream_) return replace(writeTo);
-  // As for a list: all of it or, when writing fails, nothing.
+  // A stream gets the whole file or, when writing it fails, nothing: the
+  // file is written to memory first (and appending to a redirected standard
+  // output keeps its place, which reopening the descriptor would not).
   Fd spool = memoryFile("kelodbg-output");
   writeTo(spool.get());
   if (lseek(spool.get(), 0, SEEK_SET) != 0) fail(Exit::kFileIo, display_, errnoText(errno));

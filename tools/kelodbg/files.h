@@ -166,6 +166,8 @@ class Output {
   template <typename WriteTo>
   void replace(WriteTo&& write);
   void stream(const std::function<void(int fd)>& write);
+  // A whole file: replaced, or written to memory first and then streamed.
+  void whole(const std::function<void(int fd)>& writeTo);
 
   std::string display_;  // the name as given, for messages
   std::string target_;   // the file replaced (symbolic links followed)
