@@ -213,11 +213,15 @@ test_streams() {
   # A stream is read once.
   expect 2 '<stdin> is read twice' -- bash -c "'$kelodbg' diff - - <game.kdbg"
   expect 2 '<stdin> is read twice' -- bash -c "cat game.kdbg | '$kelodbg' merge out.kdbg - -"
-  expect 2 'is read twice' -- bash -c "echo 0x80001000 | '$kelodbg' addr2line - "
   [[ ! -e out.kdbg ]] || fail "a refused merge wrote its output"
-  # A read of standard input that fails is an error.
-  expect 3 '<stdin>: cannot read: Is a directory' -- bash -c "'$kelodbg' addr2line game.kdbg <."
-  expect 3 '<stdin>: cannot read' -- bash -c "'$kelodbg' addr2line game.kdbg <&-"
+  # addr2line reads addresses from standard input, where the tool has it
+  # (builds without the symbolization library do not).
+  if "$kelodbg" help addr2line >/dev/null 2>&1; then
+    expect 2 'is read twice' -- bash -c "echo 0x80001000 | '$kelodbg' addr2line - "
+    # A read of standard input that fails is an error.
+    expect 3 '<stdin>: cannot read: Is a directory' -- bash -c "'$kelodbg' addr2line game.kdbg <."
+    expect 3 '<stdin>: cannot read' -- bash -c "'$kelodbg' addr2line game.kdbg <&-"
+  fi
   no_temporaries "streams"
 }
 
@@ -353,12 +357,14 @@ test_messages() {
   [[ $(wc -l <err.txt) == 1 ]] || fail "a name with a newline: $(cat err.txt)"
   # Out of descriptors, wherever that happens, the message names the file.
   local limit out_of_descriptors=0
-  for limit in 4 5 6 7 8; do
+  for limit in 4 5 6 7 8 9 10 12 16; do
     cp before.kdbg game.kdbg
     bash -c "for fd in \$(ls /proc/\$\$/fd); do ((fd > 2)) && eval \"exec \$fd>&-\"; done
              ulimit -n $limit && exec '$kelodbg' set-addr game.kdbg 7 .text=0x10" 2>err.txt ||
       same_file game.kdbg before.kdbg "-n $limit: a failed change"
-    if grep -q 'Too many open files' err.txt; then
+    # (Only the tool's own messages count: a sanitizer's runtime may say
+    # the same of itself.)
+    if grep -q '^kelodbg: .*Too many open files' err.txt; then
       out_of_descriptors=1
       grep -q '^kelodbg: game\.kdbg: ' err.txt || fail "-n $limit: the message does not name the file: $(cat err.txt)"
     fi
