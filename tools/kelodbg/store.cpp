@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "check.h"
+#include "serialize/orvel/io/ReadBuffer.h"
 
 namespace kelodbg {
 
@@ -75,6 +76,13 @@ void Store::badImage(const IndexedEntry& entry) const {
 }
 
 kelo_elf::ELF Store::image(const IndexedEntry& entry) const {
+  // An image larger than a block this program can hold (32-bit builds) is
+  // said to be so, as the checker says it.
+  if (entry.imageSize > orvel_lib::io::buffers::kMaxBlock - kelo_elf::ELFBytes::kMaxAdoptRoom) {
+    fail(Exit::kNoMemory, name_,
+         fmt::format("the image of {} bytes at entry {} ({}), offset {} is more than this program can hold in memory",
+                     entry.imageSize, &entry - report().index.data(), format(Id::of(entry.id)), entry.imageOffset));
+  }
   absl::optional<kelo_elf::ELF> image;
   try {
     image = view_->loadImage(entry);
