@@ -70,18 +70,18 @@ int openat64(int dir, const char* path, int flags, ...) {
 }
 
 int fsync(int fd) {
-  struct stat st;
+  struct stat64 st;
   char line[64];
-  snprintf(line, sizeof line, "fsync %llu\n", fstat(fd, &st) == 0 ? (unsigned long long)st.st_ino : 0ULL);
+  snprintf(line, sizeof line, "fsync %llu\n", fstat64(fd, &st) == 0 ? (unsigned long long)st.st_ino : 0ULL);
   logLine(line);
   int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
   return next(fd);
 }
 
 int renameat(int fromDir, const char* from, int toDir, const char* to) {
-  struct stat st;
+  struct stat64 st;
   char line[2 * PATH_MAX + 64];
-  const int known = fstatat(fromDir, from, &st, AT_SYMLINK_NOFOLLOW) == 0;
+  const int known = fstatat64(fromDir, from, &st, AT_SYMLINK_NOFOLLOW) == 0;
   snprintf(line, sizeof line, "renameat %llu %s %s\n", known ? (unsigned long long)st.st_ino : 0ULL, from, to);
   logLine(line);
   int (*next)(int, const char*, int, const char*) =
