@@ -248,4 +248,32 @@ LIST
   expect 6 'damaged debug-info file: it ends inside the image \([0-9]+ bytes\) at entry 0' -- "$kelodbg" list cut.kdbg
 }
 
+# What users of other tools type: --version on any command, -e FILE and
+# -C[=STYLE] for addr2line, quiet checks, documents for scripts.
+test_habits() {
+  make_game || fail "building game.kdbg"
+  local version
+  version=$("$kelodbg" --version)
+  [[ $("$kelodbg" list --version) == "$version" ]] || fail "list --version"
+  [[ $("$kelodbg" version --json | head -1) == "{" ]] || fail "version --json is one document over several lines"
+  # check -q prints nothing at all, warnings included; the exit code tells.
+  { header '\x01\x01\x02\x00'; le 1 8; le 1 1; le 5 2; le 0 2; le "$(size_of main.o)" 8; cat main.o; le 0 8
+    printf 'trailing'; } >warned.kdbg
+  expect 15 '' -- "$kelodbg" check -q --strict warned.kdbg
+  [[ ! -s err.txt && ! -s out.txt ]] || fail "check -q printed: $(cat out.txt err.txt)"
+  "$kelodbg" help addr2line >/dev/null 2>&1 || return 0
+  [[ $("$kelodbg" addr2line --version) == "$version" ]] || fail "addr2line --version"
+  expect 0 '' -- "$kelodbg" addr2line -f game.kdbg 0x80001000
+  cp out.txt plain.txt
+  expect 0 '' -- "$kelodbg" addr2line -f -e game.kdbg 0x80001000
+  cmp -s out.txt plain.txt || fail "addr2line -e FILE answers as addr2line FILE"
+  local style
+  for style in -C --demangle --demangle=auto --demangle=gnu-v3; do
+    expect 0 '' -- "$kelodbg" addr2line "$style" -f game.kdbg 0x80001000
+  done
+  expect 2 "'java': the styles are auto, gnu-v3 and gnu" -- "$kelodbg" addr2line --demangle=java game.kdbg 0x80001000
+  expect 2 "'other.kdbg' is a file, not an address" -- "$kelodbg" addr2line game.kdbg other.kdbg
+  expect 2 "needs FILE" -- "$kelodbg" addr2line
+}
+
 run_group "$3"

@@ -479,17 +479,17 @@ int checkCommand(const Request& r) {
   // removes them, but until then they take room.
   std::vector<std::pair<std::string, uint64_t>> leftovers;
   if (!input.isStream()) leftovers = leftoverTemporaries(r.file);
-  for (const auto& l : leftovers) {
+  for (const auto& l : r.quiet ? decltype(leftovers)() : leftovers) {
     complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), leftoverMessage(l)));
   }
   const uint64_t warningCount = report.warningCount + leftovers.size();
   const bool ok = !report.fault;
   const std::string version =
       report.major ? fmt::format("{}.{}.{}", *report.major, *report.minor, *report.patch) : std::string();
-  for (const auto& w : report.warnings)
+  for (const auto& w : r.quiet ? decltype(report.warnings)() : report.warnings)
     complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()),
                          escapeControls(warningMessage(w.first, w.second))));
-  if (report.warningCount > report.warnings.size()) {
+  if (!r.quiet && report.warningCount > report.warnings.size()) {
     complain(fmt::format("kelodbg: {}: {} more warnings\n", escapeControls(input.name()),
                          report.warningCount - report.warnings.size()));
   }

@@ -1,6 +1,8 @@
 // kelodbg: create, inspect and change debug-info files from the command line.
+#include <sys/stat.h>
 #include <algorithm>
 #include <cctype>
+
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -103,18 +105,38 @@ std::string exitCodeTable() {
   return out;
 }
 
+std::string versionText() {
+  uint32_t major = 0, minor = 0, patch = 0;
+  keloDbgVersion(&major, &minor, &patch, nullptr);
+  return fmt::format("kelodbg {} (debug-info library {}.{}.{})", KELODBG_VERSION, major, minor, patch);
+}
+
+// Arguments that addr2line would read as addresses but that name files: a
+// second FILE given by mistake is a usage error, not the address 0.
+void checkAddresses(const std::vector<std::string>& args) {
+  for (const std::string& a : args) {
+    const size_t start = a.size() > 2 && a[0] == '0' && (a[1] == 'x' || a[1] == 'X') ? 2 : 0;
+    const bool hex = start < a.size() && a.find_first_not_of("0123456789abcdefABCDEF", start) == std::string::npos;
+    if (hex) continue;
+    struct stat st;
+    const bool looksLikeFile = stat(a.c_str(), &st) == 0 || a.find('/') != std::string::npos ||
+                               (a.size() > 5 && a.compare(a.size() - 5, 5, ".kdbg") == 0);
+    if (looksLikeFile) {
+      fail(Exit::kUsage, {}, fmt::format("'{}' is a file, not an address; addr2line reads one FILE", printable(a)));
+    }
+  }
+}
+
 class Cli {
  public:
   Cli() : app_(kDescription, "kelodbg") {
-    app_.set_version_flag("--version", [] {
-      uint32_t major = 0, minor = 0, patch = 0;
-      keloDbgVersion(&major, &minor, &patch, nullptr);
-      return fmt::format("kelodbg {} (debug-info library {}.{}.{})", KELODBG_VERSION, major, minor, patch);
-    }());
+    app_.set_version_flag("--version", versionText());
     app_.require_subcommand(1);
     define();
     for (const Command& c : commands_) {
       if (c.app->get_name() != "help") maxInput(c.app);
+      // Every command answers --version, as the tool does.
+      c.app->set_version_flag("--version", versionText());
     }
     // The exit codes are told once, in the help of kelodbg itself.
     app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
@@ -141,6 +163,9 @@ class Cli {
       return static_cast<int>(Exit::kUsage);
     }
     setMaxInput(maxInput_);
+#if defined(KELODBG_WITH_SYMBOLIZE)
+    a2l_.demangle = !demangleStyle_.empty();
+#endif
     for (const Command& c : commands_) {
       if (c.app->parsed()) return c.run();
     }
@@ -300,7 +325,7 @@ class Cli {
                   [this] { return checkCommand(r_); });
     file(sub);
     json(sub);
-    sub->add_flag("-q,--quiet", r_.quiet, "Print nothing on success; the exit code tells");
+    sub->add_flag("-q,--quiet", r_.quiet, "Print nothing on success, and no warnings; the exit code tells");
     sub->add_flag("--strict", r_.strict, "Warnings make the exit code 15");
 
     sub = command("version", "Print the version of kelodbg, or of FILE's format", versionCommand);
@@ -310,19 +335,37 @@ class Cli {
 #if defined(KELODBG_WITH_SYMBOLIZE)
     sub = command("addr2line", "Function, file and line of run-time addresses, as binutils addr2line prints them",
                   [this] {
+                    // binutils' habit: -e FILE, the addresses after it.
+                    if (!exe_.empty()) {
+                      if (!r_.file.empty()) r_.args.insert(r_.args.begin(), r_.file);
+                      r_.file = exe_;
+                    }
+                    if (r_.file.empty()) fail(Exit::kUsage, {}, "addr2line needs FILE (or -e FILE)");
+                    checkAddresses(r_.args);
                     if (r_.args.empty()) claimStandardInput("<stdin> (the addresses)");
                     const Input input(r_.file);
                     return addr2lineCommand(*Store(input).placedList(), a2l_, r_.args, stdin, stdout);
                   });
-    file(sub);
+    sub->add_option("file", r_.file, "The debug-info file")->type_name("FILE");
     sub->add_option("addresses", r_.args, "Hex addresses; one a line from standard input when none are given")
         ->type_name("ADDRESS");
+    sub->add_option("-e,--exe", exe_, "The debug-info file (as binutils addr2line takes its program)")
+        ->type_name("FILE");
     sub->add_flag("-a,--addresses", a2l_.addresses, "Print each address before its answer");
     sub->add_flag("-f,--functions", a2l_.functions, "Print function names");
     sub->add_flag("-i,--inlines", a2l_.inlines, "Print the functions an inlined function was inlined into too");
     sub->add_flag("-p,--pretty-print", a2l_.pretty, "One line for each address");
     sub->add_flag("-s,--basenames", a2l_.basenames, "File names without their folders");
-    sub->add_flag("-C,--demangle", a2l_.demangle, "Demangle C++ names");
+    sub->add_flag("-C,--demangle{auto}", demangleStyle_,
+                  "Demangle C++ names; STYLE auto, gnu-v3 or gnu (the Itanium C++ names that g++ and clang give)")
+        ->type_name("[=STYLE]")
+        ->check(CLI::Validator(
+            [](std::string& style) -> std::string {
+              if (style == "true") style = "auto";  // -C, --demangle without a style
+              if (style == "auto" || style == "gnu-v3" || style == "gnu") return {};
+              return fmt::format("'{}': the styles are auto, gnu-v3 and gnu", printable(style));
+            },
+            "", "STYLE"));
     sub->add_option("--cache-size", a2l_.cacheBytes,
                     "Bytes of decoded debug information kept at once (suffixes K, M, G); default 1G")
         ->type_name("SIZE")
@@ -501,6 +544,8 @@ class Cli {
   Request r_;
 #if defined(KELODBG_WITH_SYMBOLIZE)
   Addr2lineOptions a2l_;
+  std::string exe_;            // addr2line -e FILE
+  std::string demangleStyle_;  // addr2line -C[=STYLE]: empty when not asked
 #endif
   std::vector<Command> commands_;
   uint64_t maxInput_ = kDefaultMaxInput;

@@ -128,8 +128,8 @@ void Json::write(std::string& out, int depth) const {
     out += close;
     return;
   }
-  // Small containers of plain values stay on one line.
-  bool flat = true;
+  // Small containers of plain values stay on one line, inside a document.
+  bool flat = depth > 0;
   for (const auto& m : members_) flat = flat && m.second.kind_ != kArray && m.second.kind_ != kObject;
   if (flat) {
     std::string line(1, open);
