@@ -261,7 +261,24 @@ test_habits() {
     printf 'trailing'; } >warned.kdbg
   expect 15 '' -- "$kelodbg" check -q --strict warned.kdbg
   [[ ! -s err.txt && ! -s out.txt ]] || fail "check -q printed: $(cat out.txt err.txt)"
+  # Addresses as nm and readelf print them could be hex or decimal: refused
+  # with a hint, never stored as the other.
+  cp game.kdbg before.kdbg
+  expect 2 "'80001000' could be hex .* write 0x80001000" -- "$kelodbg" set-addr game.kdbg 7 .text=80001000
+  expect 2 "'08001760' could be hex" -- "$kelodbg" set-addr game.kdbg 7 .text 08001760
+  expect 2 "'8000abcd' is hex without 0x" -- "$kelodbg" set-addr game.kdbg 7 .text=8000abcd
+  same_file game.kdbg before.kdbg "ambiguous addresses"
+  expect 0 '' -- "$kelodbg" set-addr game.kdbg 7 .text=4096
+  # With --json a failure is a document too, on standard output.
+  expect 3 'missing\.kdbg' -- "$kelodbg" list --json missing.kdbg
+  grep -q '"ok": false' out.txt && grep -q '"code": 3' out.txt || fail "list --json of a missing file: $(cat out.txt)"
   "$kelodbg" help addr2line >/dev/null 2>&1 || return 0
+  # map's document names its version, and each overlap's kind and number.
+  "$kelodbg" set-addr game.kdbg 0x20 .text=0x80001000 || fail "an overlap"
+  expect 0 '' -- "$kelodbg" map --json game.kdbg
+  grep -q '"version": "1.1.2"' out.txt && grep -q '"number": 32' out.txt || fail "map --json: $(cat out.txt)"
+  # An address above 32 bits is answered, and said to be out of reach.
+  expect 0 'does not fit in 32 bits' -- "$kelodbg" addr2line game.kdbg 0x180001000
   [[ $("$kelodbg" addr2line --version) == "$version" ]] || fail "addr2line --version"
   expect 0 '' -- "$kelodbg" addr2line -f game.kdbg 0x80001000
   cp out.txt plain.txt

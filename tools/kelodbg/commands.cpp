@@ -93,6 +93,26 @@ void addEntries(List& list, const std::string& file, std::vector<NewEntry>& entr
   for (size_t i = 0; i < entries.size(); ++i) list.add(entries[i].id.key(), std::move(images[i]));
 }
 
+// An address: decimal, or hex with 0x. Digits as nm and readelf print
+// addresses (hex without 0x: eight or sixteen of them, or a leading zero)
+// could be read either way, and are refused with a hint, as is hex without
+// its 0x.
+uint32_t addressFrom(const std::string& text) {
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  const bool hexDigits = !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  if (digits && (text.size() == 8 || text.size() == 16 || (text.size() > 1 && text[0] == '0'))) {
+    fail(Exit::kUsage, {},
+         fmt::format("'{}' could be hex (as nm and readelf print addresses) or decimal: write 0x{} for hex, or the "
+                     "decimal number without leading zeros",
+                     text, text));
+  }
+  if (hexDigits && !digits) fail(Exit::kUsage, {}, fmt::format("'{}' is hex without 0x: write 0x{}", text, text));
+  uint32_t address = 0;
+  const std::string error = parseNumber(text, address);
+  if (!error.empty()) fail(Exit::kUsage, {}, error);
+  return address;
+}
+
 // "SECTION=ADDRESS", split at the last '=': names may hold one, addresses
 // never do.
 std::pair<std::string, uint32_t> parseAddress(const std::string& arg) {
@@ -100,10 +120,7 @@ std::pair<std::string, uint32_t> parseAddress(const std::string& arg) {
   if (eq == std::string::npos || eq == 0 || eq + 1 == arg.size()) {
     fail(Exit::kUsage, {}, fmt::format("'{}' is not of the form SECTION=ADDRESS", arg));
   }
-  uint32_t address = 0;
-  const std::string error = parseNumber(arg.substr(eq + 1), address);
-  if (!error.empty()) fail(Exit::kUsage, {}, error);
-  return {arg.substr(0, eq), address};
+  return {arg.substr(0, eq), addressFrom(arg.substr(eq + 1))};
 }
 
 std::string listJson(const Store& store) {
@@ -197,10 +214,7 @@ void setAddrCommand(const Request& r) {
   std::vector<std::pair<std::string, uint32_t>> pairs;
   if (r.args.size() == 2 && r.args[0].find('=') == std::string::npos) {
     // The one-pair form: SECTION ADDRESS.
-    uint32_t address = 0;
-    const std::string error = parseNumber(r.args[1], address);
-    if (!error.empty()) fail(Exit::kUsage, {}, error);
-    pairs.emplace_back(r.args[0], address);
+    pairs.emplace_back(r.args[0], addressFrom(r.args[1]));
   } else {
     for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
   }

@@ -43,6 +43,9 @@ constexpr const char* kNotes =
     "/dev/stdin, /dev/stdout, /dev/fd/N and /proc/self/fd/N are the descriptor itself.\n"
     "Changes replace the file atomically and lock it while they run; readers need no lock.\n";
 
+// Whether the command line asked for JSON (--json), known once it parsed.
+bool jsonRequested = false;
+
 // The longest --wait: about eleven days.
 constexpr double kMaxWait = 1e6;
 // Limits of @FILE arguments.
@@ -163,6 +166,7 @@ class Cli {
       return static_cast<int>(Exit::kUsage);
     }
     setMaxInput(maxInput_);
+    jsonRequested = r_.json;
 #if defined(KELODBG_WITH_SYMBOLIZE)
     a2l_.demangle = !demangleStyle_.empty();
 #endif
@@ -373,7 +377,8 @@ class Cli {
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
-      return mapCommand(*Store(input).placedList(), input.name(), r_.json);
+      const Store store(input);
+      return mapCommand(*store.placedList(), input.name(), store.version(), r_.json);
     });
     file(sub);
     json(sub);
@@ -562,6 +567,14 @@ int runTool(int argc, char** argv) {
     finishOutput();
     return code;
   } catch (const Failure& f) {
+    // A script that asked for JSON gets the failure as its one document.
+    if (jsonRequested) {
+      print(Json::object()
+                .set("file", f.file.empty() ? Json() : Json(f.file))
+                .set("ok", false)
+                .set("error", Json::object().set("code", static_cast<int>(f.code)).set("message", f.message))
+                .dump());
+    }
     std::fflush(stdout);
     // Names are arbitrary bytes: escaped, so that a message stays one line
     // and forges nothing.

@@ -87,6 +87,12 @@ void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char*
     out += options.pretty ? ": " : "\n";
   }
   const Location* loc = symbolizer.resolve(address, scratch.location) ? &scratch.location : nullptr;
+  if (loc == nullptr && address > 0xffffffffu) {
+    // Answered as binutils would, and said why: no recorded address is that
+    // large.
+    complain(
+        fmt::format("kelodbg: address 0x{:x} does not fit in 32 bits; the file records 32-bit addresses\n", address));
+  }
   if (loc == nullptr || loc->frames.empty()) {
     if (options.functions) out += options.pretty ? "?? " : "??\n";
     out += "??:0\n";
@@ -130,7 +136,8 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   return 0;
 }
 
-int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, bool json) {
+int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, const std::string& version,
+               bool json) {
   kelo_symbolize::Options options;
   options.demangle = false;
   const Symbolizer symbolizer(list, options);
@@ -142,7 +149,11 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
     for (const kelo_symbolize::Range& r : ranges) {
       Json overlaps = Json::array();
       for (size_t k : r.overlaps) {
-        overlaps.push(Json::object().set("id", idText(ranges[k].id)).set("section", ranges[k].section));
+        overlaps.push(Json::object()
+                          .set("id", idText(ranges[k].id))
+                          .set("kind", ranges[k].id.kind)
+                          .set("number", ranges[k].id.number())
+                          .set("section", ranges[k].section));
       }
       doc.push(Json::object()
                    .set("id", idText(r.id))
@@ -154,7 +165,7 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
                    .set("overlapCount", static_cast<uint64_t>(r.overlapCount))
                    .set("overlaps", std::move(overlaps)));
     }
-    print(Json::object().set("file", name).set("ranges", std::move(doc)).dump());
+    print(Json::object().set("file", name).set("version", version).set("ranges", std::move(doc)).dump());
     return 0;
   }
 

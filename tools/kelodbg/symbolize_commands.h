@@ -34,11 +34,13 @@ struct Addr2lineOptions {
 int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineOptions& options,
                      const std::vector<std::string>& addresses, std::FILE* in, std::FILE* out);
 
-// Prints the address map of the list read from `name`, sorted by address:
+// Prints the address map of the list read from `name` (a file of format
+// `version`), sorted by address:
 // for each placed section its start, end, entry, name, how many ranges it
 // overlaps and the first of them; as a table, or as one JSON document.
 // Returns the exit code (0).
-int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, bool json);
+int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, const std::string& version,
+               bool json);
 
 }  // namespace kelodbg
 
