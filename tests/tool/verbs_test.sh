@@ -65,6 +65,30 @@ test_set_addr() {
   "$kelodbg" list game.kdbg | grep -q '^   1  0x00000007 .* \.data=0x00000020 \.kelo\.overlay=0x00000009$' ||
     fail "unset-addr"
   expect 11 "has no address for section '\\.text'" -- "$kelodbg" unset-addr game.kdbg 7 .text
+
+  # Many entries in one rewrite, all or none.
+  printf '# from a link map\n7 .text=0x1000 .data=0x2000\n\n0x20 .text=0x3000\n' >list.txt
+  expect 0 '' -- "$kelodbg" set-addr game.kdbg --from list.txt
+  "$kelodbg" list game.kdbg | grep -q '^   1  0x00000007 .* \.data=0x00002000 .*\.text=0x00001000$' &&
+    "$kelodbg" list game.kdbg | grep -q '^   1  0x00000020 .* \.text=0x00003000$' || fail "set-addr --from"
+  cp game.kdbg before.kdbg
+  printf '7 .text=0x5000\n0x20 .nope=0x10\n' >bad.txt
+  expect 11 "entry 1:0x00000020 has no section '\\.nope'" -- "$kelodbg" set-addr game.kdbg --from bad.txt
+  printf '7 .text=0x5000\n0x99 .text=0x10\n' >bad.txt
+  expect 8 'no entry 1:0x00000099' -- "$kelodbg" set-addr game.kdbg --from bad.txt
+  same_file game.kdbg before.kdbg "a refused set-addr --from"
+
+  # A loader's layout from a base: header order, each section at its
+  # alignment, sections without bytes left out.
+  "$kelodbg" create placed.kdbg 1=main.o || fail "create placed.kdbg"
+  expect 0 '' -- "$kelodbg" place placed.kdbg 1 --base 0x80001000
+  local want="" text data bss
+  text=$(readelf -SW main.o | awk '{ for (i = 1; i < NF; i++) if ($i == ".text") print $(i + 4) }')
+  [[ -n $text ]] || { fail "readelf"; return; }
+  data=$(printf '0x%08x' $(((0x80001000 + 0x$text + 3) / 4 * 4)))
+  bss=$(printf '0x%08x' $(((data + 4 + 31) / 32 * 32)))
+  "$kelodbg" list placed.kdbg | grep -q "\.bss=$bss \.data=$data \.text=0x80001000" ||
+    fail "place: $("$kelodbg" list placed.kdbg) (want .data=$data .bss=$bss)"
 }
 
 test_renumber() {

@@ -1,6 +1,9 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -209,23 +212,17 @@ void removeCommand(const Request& r) {
   c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
-void setAddrCommand(const Request& r) {
-  const Id id = idFrom(r.second);
-  std::vector<std::pair<std::string, uint32_t>> pairs;
-  if (r.args.size() == 2 && r.args[0].find('=') == std::string::npos) {
-    // The one-pair form: SECTION ADDRESS.
-    pairs.emplace_back(r.args[0], addressFrom(r.args[1]));
-  } else {
-    for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
-  }
-  Changed c(r, r.file);
-  std::vector<PlannedEntry> plan = c.store.plan();
+namespace {
+
+// Records `pairs` in the planned entry `id`, after checking every section
+// name against the entry's image (loaded now).
+void recordAddresses(const Changed& c, std::vector<PlannedEntry>& plan, const Id& id,
+                     const std::vector<std::pair<std::string, uint32_t>>& pairs, const std::string& file) {
   PlannedEntry& entry = plannedOf(plan, c.store, id);
-  // The one image that the change needs: its section names.
   const kelo_elf::ELF image = c.store.image(*entry.from);
   for (const auto& p : pairs) {
     if (!image.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
-      fail(Exit::kNoSection, r.file,
+      fail(Exit::kNoSection, file,
            fmt::format("entry {} has no section {} (addresses go to the image's sections, .constant and .local)",
                        format(id), quoted(p.first)));
     }
@@ -239,6 +236,111 @@ void setAddrCommand(const Request& r) {
       entry.sections.push_back(p);
     }
   }
+}
+
+// The lines of a --from LIST: "ID SECTION=ADDRESS...", blank lines and
+// lines starting with # skipped.
+std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> readAddressList(const std::string& name) {
+  std::FILE* in = stdin;
+  if (name == "-") {
+    claimStandardInput("<stdin> (--from -)");
+  } else {
+    in = std::fopen(name.c_str(), "r");
+    if (in == nullptr) fail(Exit::kFileIo, name, std::strerror(errno));
+  }
+  const std::string shown = name == "-" ? "<stdin>" : name;
+  std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> lines;
+  char* buffer = nullptr;
+  size_t room = 0;
+  ssize_t got;
+  uint64_t number = 0;
+  while ((got = getline(&buffer, &room, in)) >= 0) {
+    ++number;
+    std::string line(buffer, static_cast<size_t>(got));
+    if (line.find('\0') != std::string::npos)
+      fail(Exit::kUsage, shown, fmt::format("line {} holds a NUL byte", number));
+    std::vector<std::string> words;
+    size_t at = 0;
+    while ((at = line.find_first_not_of(" \t\r\n", at)) != std::string::npos) {
+      const size_t end = line.find_first_of(" \t\r\n", at);
+      words.push_back(line.substr(at, end == std::string::npos ? std::string::npos : end - at));
+      at = end;
+    }
+    if (words.empty() || words[0][0] == '#') continue;
+    if (words.size() < 2) {
+      fail(Exit::kUsage, shown, fmt::format("line {}: 'ID SECTION=ADDRESS...' expected", number));
+    }
+    std::vector<std::pair<std::string, uint32_t>> pairs;
+    for (size_t k = 1; k < words.size(); ++k) pairs.push_back(parseAddress(words[k]));
+    lines.emplace_back(idFrom(words[0]), std::move(pairs));
+  }
+  const bool failed = std::ferror(in) != 0;
+  std::free(buffer);
+  if (in != stdin) std::fclose(in);
+  if (failed) fail(Exit::kFileIo, shown, "cannot read");
+  return lines;
+}
+
+}  // namespace
+
+void setAddrCommand(const Request& r) {
+  if (!r.from.empty()) {
+    if (!r.second.empty() || !r.args.empty()) fail(Exit::kUsage, {}, "set-addr takes ID and addresses, or --from LIST");
+    const auto lines = readAddressList(r.from);
+    Changed c(r, r.file);
+    std::vector<PlannedEntry> plan = c.store.plan();
+    for (const auto& line : lines) recordAddresses(c, plan, line.first, line.second, r.file);
+    c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
+    return;
+  }
+  if (r.second.empty() || r.args.empty())
+    fail(Exit::kUsage, {}, "set-addr needs ID and SECTION=ADDRESS (or --from LIST)");
+  const Id id = idFrom(r.second);
+  std::vector<std::pair<std::string, uint32_t>> pairs;
+  if (r.args.size() == 2 && r.args[0].find('=') == std::string::npos) {
+    // The one-pair form: SECTION ADDRESS.
+    pairs.emplace_back(r.args[0], addressFrom(r.args[1]));
+  } else {
+    for (const std::string& arg : r.args) pairs.push_back(parseAddress(arg));
+  }
+  Changed c(r, r.file);
+  std::vector<PlannedEntry> plan = c.store.plan();
+  recordAddresses(c, plan, id, pairs, r.file);
+  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
+}
+
+void placeCommand(const Request& r) {
+  const Id id = idFrom(r.second);
+  const uint32_t base = addressFrom(r.base);
+  Changed c(r, r.file);
+  std::vector<PlannedEntry> plan = c.store.plan();
+  PlannedEntry& entry = plannedOf(plan, c.store, id);
+  const kelo_elf::ELF image = c.store.image(*entry.from);
+  constexpr uint64_t kAlloc = 0x2;  // SHF_ALLOC
+  std::vector<std::pair<std::string, uint32_t>> pairs;
+  uint64_t cursor = base;
+  for (const kelo_elf::SectionHeader& h : image.sectionHeaders()) {
+    if ((h.flags & kAlloc) == 0 || h.size == 0) continue;
+    const uint64_t align = h.addralign > 1 ? h.addralign : 1;
+    const uint64_t at = (cursor + align - 1) / align * align;
+    if (at + h.size - 1 > UINT32_MAX || at < cursor) {
+      fail(Exit::kUsage, r.file,
+           fmt::format("entry {} does not fit below 4 GiB from 0x{:08x} (section {})", format(id), base,
+                       quoted(h.name)));
+    }
+    cursor = at + h.size;
+    const bool taken = std::any_of(pairs.begin(), pairs.end(), [&h](const auto& p) { return p.first == h.name; });
+    if (taken) {
+      complain(fmt::format("kelodbg: {}: warning: entry {} has several sections {}; only the first has an address\n",
+                           escapeControls(r.file), format(id), quoted(h.name)));
+      continue;
+    }
+    pairs.emplace_back(h.name, static_cast<uint32_t>(at));
+  }
+  if (pairs.empty())
+    fail(Exit::kNoSection, r.file, fmt::format("entry {} has no allocated section with bytes", format(id)));
+  recordAddresses(c, plan, id, pairs, r.file);
+  for (const auto& p : pairs) print(fmt::format("{}  0x{:08x}\n", printable(p.first), p.second));
   c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 

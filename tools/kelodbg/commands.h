@@ -22,12 +22,15 @@ struct Request {
   bool quiet = false;
   bool strict = false;
   bool dropUnread = false;  // --drop-unread: a change may drop what reading drops
+  std::string from;         // set-addr --from LIST
+  std::string base;         // place --base ADDRESS
 };
 
 void createCommand(const Request& r);
 void addCommand(const Request& r);
 void removeCommand(const Request& r);
 void setAddrCommand(const Request& r);
+void placeCommand(const Request& r);
 void unsetAddrCommand(const Request& r);
 void renumberCommand(const Request& r);
 void mergeCommand(const Request& r);

@@ -257,13 +257,30 @@ class Cli {
     wait(sub);
     drops(sub);
 
-    sub = command("set-addr", "Record load addresses of sections of one entry", setAddrCommand);
+    sub = command("set-addr", "Record load addresses of sections of one entry, or of many (--from)", setAddrCommand);
     file(sub);
-    id(sub);
+    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID");
     sub->add_option("addresses", r_.args,
                     "SECTION ADDRESS, or any number of SECTION=ADDRESS; sections of the entry's image, .constant "
                     "and .local")
-        ->type_name("SECTION=ADDRESS")
+        ->type_name("SECTION=ADDRESS");
+    sub->add_option("--from", r_.from,
+                    "Lines 'ID SECTION=ADDRESS...' (# comments; '-' for standard input), all in one rewrite, all or "
+                    "none")
+        ->type_name("LIST");
+    wait(sub);
+    drops(sub);
+
+    sub = command("place",
+                  "Record addresses for every allocated section of one entry, laid out from --base as a loader "
+                  "would: in section header order, each at the next multiple of its alignment after the one "
+                  "before; sections without bytes are left out, and only the first of several of one name can "
+                  "have an address",
+                  placeCommand);
+    file(sub);
+    id(sub);
+    sub->add_option("--base", r_.base, "Where the first section goes (decimal, or hex with 0x)")
+        ->type_name("ADDRESS")
         ->required();
     wait(sub);
     drops(sub);
