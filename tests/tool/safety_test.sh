@@ -255,10 +255,11 @@ test_drops() {
   [[ ! -e out.kdbg ]] || fail "a refused merge wrote its output"
   # Told to drop them, the change goes through.
   expect 0 '' -- "$kelodbg" set-addr --drop-unread drops.kdbg 1 .text=0x10
+  expect 0 '' -- "$kelodbg" place drops.kdbg 1 --base 0x10000
   expect 0 '' -- "$kelodbg" check --strict drops.kdbg
   # Two entries that each record .text are no repeat.
-  "$kelodbg" create two.kdbg 1=main.o 2=util.o && "$kelodbg" set-addr two.kdbg 1 .text=0x1000 &&
-    "$kelodbg" set-addr two.kdbg 2 .text=0x2000 || fail "building two.kdbg"
+  "$kelodbg" create two.kdbg 1=main.o 2=util.o && "$kelodbg" place two.kdbg 1 --base 0x1000 >/dev/null &&
+    "$kelodbg" place two.kdbg 2 --base 0x20000 >/dev/null || fail "building two.kdbg"
   expect 0 '' -- "$kelodbg" check --strict two.kdbg
 }
 

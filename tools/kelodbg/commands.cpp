@@ -139,6 +139,34 @@ std::string listJson(const Store& store) {
       .dump();
 }
 
+}  // namespace
+
+std::vector<std::string> placementWarnings(const Id& id, const kelo_elf::ELF& image,
+                                           const std::vector<std::pair<std::string, uint32_t>>& recorded) {
+  constexpr uint64_t kAlloc = 0x2;  // SHF_ALLOC
+  std::vector<std::string> out;
+  std::set<std::string> seen;
+  for (const kelo_elf::SectionHeader& h : image.sectionHeaders()) {
+    if ((h.flags & kAlloc) == 0 || h.size == 0) continue;
+    if (!seen.insert(h.name).second) {
+      out.push_back(fmt::format("entry {} has several allocated sections {}; only the first can have an address",
+                                format(id), quoted(h.name)));
+      continue;
+    }
+    const bool placed =
+        std::any_of(recorded.begin(), recorded.end(), [&h](const auto& r) { return r.first == h.name; });
+    if (!placed) {
+      out.push_back(
+          fmt::format("entry {}: section {} ({} bytes) is allocated and has no address; its addresses "
+                      "answer nothing",
+                      format(id), quoted(h.name), h.size));
+    }
+  }
+  return out;
+}
+
+namespace {
+
 std::string leftoverMessage(const std::pair<std::string, uint64_t>& leftover) {
   return fmt::format(
       "{} ({} bytes) is a temporary file of a change that never finished; the next change of the file "
@@ -598,7 +626,21 @@ int checkCommand(const Request& r) {
   for (const auto& l : r.quiet ? decltype(leftovers)() : leftovers) {
     complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), leftoverMessage(l)));
   }
-  const uint64_t warningCount = report.warningCount + leftovers.size();
+  // Entries placed in part: allocated sections with bytes and no address
+  // answer nothing, and of several sections of one name only the first can
+  // have one.
+  std::vector<std::string> placement;
+  if (!input.isStream() && !report.fault) {
+    const Store store(input);
+    for (const IndexedEntry* e : store.entries()) {
+      if (e->sections.empty()) continue;
+      for (std::string& w : placementWarnings(Id::of(e->id), store.image(*e), e->sections)) placement.push_back(w);
+    }
+  }
+  for (const std::string& w : r.quiet ? decltype(placement)() : placement) {
+    complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), escapeControls(w)));
+  }
+  const uint64_t warningCount = report.warningCount + leftovers.size() + placement.size();
   const bool ok = !report.fault;
   const std::string version =
       report.major ? fmt::format("{}.{}.{}", *report.major, *report.minor, *report.patch) : std::string();
@@ -635,6 +677,14 @@ int checkCommand(const Request& r) {
                         .set("entry", f.place.entry ? Json(*f.place.entry) : Json())
                         .set("offset", f.place.offset)
                         .set("field", f.place.field));
+    }
+    for (const std::string& w : placement) {
+      warnings.push(Json::object()
+                        .set("reason", "unplaced-section")
+                        .set("message", w)
+                        .set("entry", Json())
+                        .set("offset", Json())
+                        .set("field", Json()));
     }
     for (const auto& l : leftovers) {
       warnings.push(Json::object()

@@ -6,7 +6,10 @@
 #define KELODBG_COMMANDS_H_
 
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "tool.h"
 
 namespace kelodbg {
 
@@ -25,6 +28,12 @@ struct Request {
   std::string from;         // set-addr --from LIST
   std::string base;         // place --base ADDRESS
 };
+
+// Warnings about an entry placed in part (it records some addresses):
+// allocated sections with bytes that have no address, and allocated
+// sections whose name an earlier one has.
+std::vector<std::string> placementWarnings(const Id& id, const kelo_elf::ELF& image,
+                                           const std::vector<std::pair<std::string, uint32_t>>& recorded);
 
 void createCommand(const Request& r);
 void addCommand(const Request& r);

@@ -395,7 +395,15 @@ class Cli {
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
       const Store store(input);
-      return mapCommand(*store.placedList(), input.name(), store.version(), r_.json);
+      const ListPtr placed = store.placedList();
+      for (const IndexedEntry* e : store.entries()) {
+        if (e->sections.empty()) continue;
+        const kelo_elf::ELF& image = placed->entries.find(e->id)->second.elf;
+        for (const std::string& w : placementWarnings(Id::of(e->id), image, e->sections)) {
+          complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), escapeControls(w)));
+        }
+      }
+      return mapCommand(*placed, input.name(), store.version(), r_.json);
     });
     file(sub);
     json(sub);
