@@ -82,11 +82,18 @@ test_set_addr() {
   # alignment, sections without bytes left out.
   "$kelodbg" create placed.kdbg 1=main.o || fail "create placed.kdbg"
   expect 0 '' -- "$kelodbg" place placed.kdbg 1 --base 0x80001000
-  local want="" text data bss
-  text=$(readelf -SW main.o | awk '{ for (i = 1; i < NF; i++) if ($i == ".text") print $(i + 4) }')
-  [[ -n $text ]] || { fail "readelf"; return; }
-  data=$(printf '0x%08x' $(((0x80001000 + 0x$text + 3) / 4 * 4)))
-  bss=$(printf '0x%08x' $(((data + 4 + 31) / 32 * 32)))
+  # size_align NAME: the section's size and alignment, as readelf gives them.
+  size_align() { readelf -SW main.o | awk -v n="$1" '{ for (i = 1; i < NF; i++) if ($i == n) print $(i + 4), $(i + 9) }'; }
+  local text data bss size align
+  read -r size align <<<"$(size_align .text)"
+  [[ -n $size ]] || { fail "readelf"; return; }
+  text=$((0x80001000 + 0x$size))
+  read -r size align <<<"$(size_align .data)"
+  data=$(((text + align - 1) / align * align))
+  local dataEnd=$((data + 0x$size))
+  read -r size align <<<"$(size_align .bss)"
+  bss=$(printf '0x%08x' $(((dataEnd + align - 1) / align * align)))
+  data=$(printf '0x%08x' "$data")
   "$kelodbg" list placed.kdbg | grep -q "\.bss=$bss \.data=$data \.text=0x80001000" ||
     fail "place: $("$kelodbg" list placed.kdbg) (want .data=$data .bss=$bss)"
 }

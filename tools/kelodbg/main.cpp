@@ -114,6 +114,7 @@ std::string versionText() {
   return fmt::format("kelodbg {} (debug-info library {}.{}.{})", KELODBG_VERSION, major, minor, patch);
 }
 
+#if defined(KELODBG_WITH_SYMBOLIZE)
 // Arguments that addr2line would read as addresses but that name files: a
 // second FILE given by mistake is a usage error, not the address 0.
 void checkAddresses(const std::vector<std::string>& args) {
@@ -129,6 +130,7 @@ void checkAddresses(const std::vector<std::string>& args) {
     }
   }
 }
+#endif
 
 class Cli {
  public:
