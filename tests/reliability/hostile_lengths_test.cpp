@@ -34,6 +34,16 @@ std::size_t heapInUse() {
   return m.uordblks + m.hblkhd;
 }
 
+// Whether the heap in use is malloc's own count (not under a sanitizer or
+// valgrind, whose allocators keep their own).
+bool mallocIsCounted() {
+  const std::size_t before = heapInUse();
+  void* volatile probe = std::malloc(1 << 20);
+  const bool counted = heapInUse() >= before + (1 << 20);
+  std::free(probe);
+  return counted;
+}
+
 // A stream over `bytes` that notes the most heap in use whenever it is asked
 // for data: a buffer is taken before the bytes meant for it are read, so the
 // peak of a read is seen.
@@ -57,15 +67,9 @@ FILE* openWatched(Watched& w) {
 }
 
 TEST(HostileLengths, ReadsAllocateLittleBeyondTheFileWhateverThePrefixesSay) {
-  {
-    // Under a sanitizer or valgrind the allocator's statistics are not
-    // malloc's: nothing to measure with.
-    const std::size_t before = heapInUse();
-    void* volatile probe = std::malloc(1 << 20);
-    const bool counted = heapInUse() >= before + (1 << 20);
-    std::free(probe);
-    if (!counted) GTEST_SKIP() << "malloc statistics are not available";
-  }
+  // Under a sanitizer or valgrind the allocator's statistics are not
+  // malloc's: nothing to measure with.
+  if (!mallocIsCounted()) GTEST_SKIP() << "malloc statistics are not available";
   // What a read may hold beyond the file: the stream's buffer, a first step
   // of a growing buffer, and small change.
   constexpr std::size_t kAllowance = orvel_lib::io::buffers::kFirstStep + (std::size_t{64} << 10);
@@ -120,14 +124,8 @@ TEST(HostileLengths, ReadsAllocateLittleBeyondTheFileWhateverThePrefixesSay) {
 // (A file claiming 2^28 entries in 20 bytes would otherwise reserve
 // gigabytes, and fail as out of memory instead of as damaged.)
 TEST(HostileLengths, ARegularFileReservesOnlyWhatItsSizeBacks) {
-  {
-    const std::size_t before = heapInUse();
-    void* volatile probe = std::malloc(1 << 20);
-    const bool counted = heapInUse() >= before + (1 << 20);
-    std::free(probe);
-    // Address-space limits and sanitizers do not mix.
-    if (!counted) GTEST_SKIP() << "malloc statistics are not available";
-  }
+  // Address-space limits and sanitizers (or valgrind) do not mix.
+  if (!mallocIsCounted()) GTEST_SKIP() << "malloc statistics are not available";
   const std::string path = ::testing::TempDir() + "kelo-claims-entries.kdbg";
   const Bytes bytes = fileHeader() + le(8, uint64_t{1} << 28);
   FILE* f = std::fopen(path.c_str(), "wb");

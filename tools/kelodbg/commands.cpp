@@ -269,22 +269,20 @@ void recordAddresses(const Changed& c, std::vector<PlannedEntry>& plan, const Id
 // The lines of a --from LIST: "ID SECTION=ADDRESS...", blank lines and
 // lines starting with # skipped.
 std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> readAddressList(const std::string& name) {
-  std::FILE* in = stdin;
-  if (name == "-") {
-    claimStandardInput("<stdin> (--from -)");
-  } else {
-    in = std::fopen(name.c_str(), "r");
-    if (in == nullptr) fail(Exit::kFileIo, name, std::strerror(errno));
-  }
-  const std::string shown = name == "-" ? "<stdin>" : name;
+  const TextInput text(name, "<stdin> (--from -)");
+  std::FILE* in = text.get();
+  const std::string& shown = text.name();
   std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> lines;
-  char* buffer = nullptr;
-  size_t room = 0;
+  struct Line {
+    char* data = nullptr;
+    size_t room = 0;
+    ~Line() { std::free(data); }
+  } buffer;
   ssize_t got;
   uint64_t number = 0;
-  while ((got = getline(&buffer, &room, in)) >= 0) {
+  while ((got = getline(&buffer.data, &buffer.room, in)) >= 0) {
     ++number;
-    std::string line(buffer, static_cast<size_t>(got));
+    std::string line(buffer.data, static_cast<size_t>(got));
     if (line.find('\0') != std::string::npos)
       fail(Exit::kUsage, shown, fmt::format("line {} holds a NUL byte", number));
     std::vector<std::string> words;
@@ -302,10 +300,7 @@ std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> readAd
     for (size_t k = 1; k < words.size(); ++k) pairs.push_back(parseAddress(words[k]));
     lines.emplace_back(idFrom(words[0]), std::move(pairs));
   }
-  const bool failed = std::ferror(in) != 0;
-  std::free(buffer);
-  if (in != stdin) std::fclose(in);
-  if (failed) fail(Exit::kFileIo, shown, "cannot read");
+  if (std::ferror(in)) fail(Exit::kFileIo, shown, "cannot read");
   return lines;
 }
 

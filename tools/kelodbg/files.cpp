@@ -572,6 +572,20 @@ std::string descriptorPath(int fd) {
 
 // ---- Inputs ----
 
+TextInput::TextInput(const std::string& name, const char* what) : display_(displayName(name, "<stdin>")) {
+  if (name == "-") {
+    claimStandardInput(what);
+    file_ = stdin;
+    return;
+  }
+  file_ = std::fopen(name.c_str(), "r");
+  if (file_ == nullptr) fail(Exit::kFileIo, name, errnoText(errno));
+}
+
+TextInput::~TextInput() {
+  if (file_ != nullptr && file_ != stdin) std::fclose(file_);
+}
+
 Input::Input(const std::string& name) : display_(displayName(name, "<stdin>")) {
   int fd = namedDescriptor(name, 0);
   const bool named = fd >= 0;

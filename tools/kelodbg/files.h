@@ -50,6 +50,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
@@ -77,6 +78,24 @@ void setMaxInput(uint64_t bytes);
 // Marks standard input as read by `what` (an @- argument, the addresses of
 // addr2line). A second reader of one stream is a usage error.
 void claimStandardInput(const char* what);
+
+// A text file of arguments named on the command line (@FILE, --from LIST):
+// "-" is standard input, claimed for `what`. Closed when it goes.
+class TextInput {
+ public:
+  TextInput(const std::string& name, const char* what);
+  ~TextInput();
+  TextInput(const TextInput&) = delete;
+  TextInput& operator=(const TextInput&) = delete;
+
+  std::FILE* get() const { return file_; }
+  // The name for messages ("<stdin>" for "-").
+  const std::string& name() const { return display_; }
+
+ private:
+  std::FILE* file_ = nullptr;
+  std::string display_;
+};
 
 // A file named on the command line as an input.
 class Input {

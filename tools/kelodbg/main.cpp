@@ -457,20 +457,9 @@ class Cli {
         continue;
       }
       const std::string name = a.substr(1);
-      const std::string shown = name == "-" ? "<stdin>" : name;
-      std::FILE* in = stdin;
-      if (name == "-") {
-        claimStandardInput("<stdin> (@-)");
-      } else {
-        in = std::fopen(name.c_str(), "r");
-        if (in == nullptr) fail(Exit::kFileIo, name, std::strerror(errno));
-      }
-      struct Closer {
-        std::FILE* file;
-        ~Closer() {
-          if (file != stdin) std::fclose(file);
-        }
-      } closer{in};
+      const TextInput text(name, "<stdin> (@-)");
+      std::FILE* in = text.get();
+      const std::string& shown = text.name();
       std::string line;
       uint64_t number = 0;
       for (;;) {
