@@ -49,6 +49,10 @@ struct ObjectInfo::Node {
   const std::string* name;  // the DWARF's name (see nameOf), or null
   uint32_t callFile;        // inlined: in Unit::files, or kNoFile
   uint32_t callLine, callColumn, callDiscriminator;
+  uint32_t declFile;  // in Unit::files, or kNoFile
+  uint32_t declLine;
+  bool hasLowPc;
+  uint64_t lowPc;  // DW_AT_low_pc, in the DWARF's address space
 };
 
 // A variable at a fixed address (its location is DW_OP_addr alone).
@@ -518,8 +522,23 @@ bool ObjectInfo::indexUnit(Unit& unit) {
         // No code and nothing inside that could have any (a declaration).
         node = enclosing;
       } else {
-        Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0};
+        Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0, kNoFile, 0, false, 0};
         n.name = nameOf(die, names);
+        Dwarf_Attribute attr;
+        Dwarf_Word declFile = 0;
+        // A declaration in another unit (reached through an abstract origin)
+        // counts its files in that unit's table, which is not at hand.
+        if (files != nullptr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr && attr.cu == die.cu &&
+            dwarf_formudata(&attr, &declFile) == 0 && declFile < fileCount) {
+          n.declFile = fileOf(dwarf_filesrc(files, declFile, nullptr, nullptr));
+        }
+        int declLine = 0;
+        if (dwarf_decl_line(&die, &declLine) == 0 && declLine > 0) n.declLine = static_cast<uint32_t>(declLine);
+        Dwarf_Addr lowPc = 0;
+        if (dwarf_attr(&die, DW_AT_low_pc, &attr) != nullptr && dwarf_formaddr(&attr, &lowPc) == 0) {
+          n.hasLowPc = true;
+          n.lowPc = lowPc;
+        }
         if (n.inlined) {
           const unsigned file = udata(&die, DW_AT_call_file);
           if (files != nullptr && file < fileCount) n.callFile = fileOf(dwarf_filesrc(files, file, nullptr, nullptr));
@@ -652,6 +671,10 @@ Frame& ObjectInfo::addFrame(Location& loc) {
   Frame& frame = loc.frames[framesUsed_++];
   frame.file.clear();
   frame.line = frame.column = frame.discriminator = 0;
+  frame.startFile.clear();
+  frame.startLine = 0;
+  frame.startAddress = 0;
+  frame.hasStart = false;
   return frame;
 }
 
@@ -704,6 +727,19 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   auto fileName = [&unit](uint32_t file) -> const std::string& {
     return file < unit.files.size() ? *unit.files[file] : kNoName;
   };
+  // A function's start is given as a run-time address where its low PC
+  // lies in the section at hand, whose placement is the one known here.
+  const uint64_t sectionEnd = low + sections_[section].size;
+  auto setStart = [&](Frame& frame, int32_t index) {
+    if (index < 0) return;
+    const Node& n = unit.nodes[static_cast<size_t>(index)];
+    frame.startFile = fileName(n.declFile);
+    frame.startLine = n.declLine;
+    if (n.hasLowPc && n.lowPc >= low && n.lowPc < sectionEnd) {
+      frame.hasStart = true;
+      frame.startAddress = address_ - (at - n.lowPc);
+    }
+  };
   Frame& first = addFrame(loc);
   if (row != nullptr) {
     first.file = fileName(row->file);
@@ -712,11 +748,13 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
     first.discriminator = row->discriminator;
   }
   setFunction(first, node >= 0 ? unit.nodes[static_cast<size_t>(node)].name : nullptr);
+  setStart(first, node);
   for (int32_t cur = node; cur >= 0;) {
     const Node& inlined = unit.nodes[static_cast<size_t>(cur)];
     if (!inlined.inlined || inlined.parent < 0) break;
     Frame& frame = addFrame(loc);
     setFunction(frame, unit.nodes[static_cast<size_t>(inlined.parent)].name);
+    setStart(frame, inlined.parent);
     frame.file = fileName(inlined.callFile);
     frame.line = inlined.callLine;
     frame.column = inlined.callColumn;
@@ -730,7 +768,10 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // by the nearest symbol before it.
   if (const CodeSymbol* sym = symbolAt(section, offset)) {
     Frame& outer = loc.frames[framesUsed_ - 1];
-    if (sym->covers(offset) || node < 0) setFunction(outer, sym->kept);
+    if (sym->covers(offset) || node < 0) {
+      setFunction(outer, sym->kept);
+      startAtSymbol(outer, *sym, offset);
+    }
     if (row == nullptr && framesUsed_ == 1 && sym->file != nullptr) outer.file = sym->file;
   }
   return true;
@@ -745,6 +786,7 @@ bool ObjectInfo::describeVariable(uint64_t at, size_t section, uint64_t offset, 
   Frame& frame = addFrame(loc);
   const CodeSymbol* sym = symbolAt(section, offset);
   setFunction(frame, sym != nullptr ? sym->kept : nullptr);
+  if (sym != nullptr) startAtSymbol(frame, *sym, offset);
   frame.file = *var.file;
   frame.line = var.line;
   loc.variable = *var.name;
@@ -759,12 +801,20 @@ void ObjectInfo::describeSymbol(size_t section, uint64_t offset, Location& loc) 
   if (sym == nullptr) return;
   Frame& frame = addFrame(loc);
   setFunction(frame, sym->kept);
+  startAtSymbol(frame, *sym, offset);
   if (sym->file != nullptr) frame.file = sym->file;
 }
 
-void ObjectInfo::describe(size_t section, uint64_t offset, Location& loc) {
+void ObjectInfo::startAtSymbol(Frame& frame, const CodeSymbol& sym, uint64_t offset) const {
+  if (offset < sym.offset) return;
+  frame.hasStart = true;
+  frame.startAddress = address_ - (offset - sym.offset);
+}
+
+void ObjectInfo::describe(size_t section, uint64_t offset, uint64_t address, Location& loc) {
   // Frames left in `loc` by an earlier answer are reused, strings and all.
   framesUsed_ = 0;
+  address_ = address;
   loc.variable.clear();
   describeAny(section, offset, loc);
   loc.frames.resize(framesUsed_);

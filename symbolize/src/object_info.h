@@ -45,8 +45,9 @@ class ObjectInfo {
   ObjectInfo& operator=(const ObjectInfo&) = delete;
 
   // Sets loc.frames and loc.variable for the address at `offset` in
-  // section `section` of the image, reusing the frames `loc` holds.
-  void describe(size_t section, uint64_t offset, Location& loc);
+  // section `section` of the image, which a program has at run-time
+  // `address`, reusing the frames `loc` holds.
+  void describe(size_t section, uint64_t offset, uint64_t address, Location& loc);
 
   // Why the DWARF was not read (empty when it was, or there is none).
   const std::string& problem() const noexcept { return problem_; }
@@ -82,6 +83,7 @@ class ObjectInfo {
   const std::string* intern(const char* text);
   const std::string* nameOf(Dwarf_Die& die, std::unordered_map<Dwarf_Off, const std::string*>& byOrigin);
   void setFunction(Frame& frame, const std::string* name);
+  void startAtSymbol(Frame& frame, const CodeSymbol& sym, uint64_t offset) const;
 
   const kelo_elf::ELF& image_;
   unsigned type_ = 0;  // e_type
@@ -115,6 +117,7 @@ class ObjectInfo {
   std::unordered_map<const std::string*, std::string> demangled_;
   size_t indexBytes_ = 0;  // what the indexes take, roughly
   size_t framesUsed_ = 0;  // of the Location being described
+  uint64_t address_ = 0;   // the run-time address being described
 };
 
 }  // namespace internal

@@ -86,4 +86,23 @@ bool keloSymResultFrame(keloSymResult result, uint32_t index, keloSymFrame* out)
 
 void keloSymResultFree(keloSymResult result) { delete result; }
 
+const char* keloSymResultVariable(keloSymResult result) {
+  return result != nullptr ? result->location.variable.c_str() : nullptr;
+}
+
+bool keloSymResultFrameStart(keloSymResult result, uint32_t index, const char** file, uint32_t* line,
+                             uint64_t* address) {
+  if (result == nullptr || index >= result->location.frames.size()) {
+    if (file != nullptr) *file = "";
+    if (line != nullptr) *line = 0;
+    if (address != nullptr) *address = 0;
+    return false;
+  }
+  const kelo_symbolize::Frame& f = result->location.frames[index];
+  if (file != nullptr) *file = f.startFile.c_str();
+  if (line != nullptr) *line = f.startLine;
+  if (address != nullptr) *address = f.hasStart ? f.startAddress : 0;
+  return f.hasStart;
+}
+
 }  // extern "C"

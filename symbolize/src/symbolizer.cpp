@@ -171,7 +171,7 @@ bool Symbolizer::resolve(uint64_t address, Location& out) {
   out.id = range.id;
   out.section = range.section;
   out.offset = address - range.start;
-  impl_->load(where.entry).describe(where.section, out.offset, out);
+  impl_->load(where.entry).describe(where.section, out.offset, address, out);
   impl_->account(where.entry);
   return true;
 }

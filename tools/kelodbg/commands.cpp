@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "check.h"
 #include "debuginfo/renumbering.h"
 #include "file/format.h"
@@ -25,13 +26,6 @@ namespace kelodbg {
 namespace {
 
 using kelo_debuginfo::RelocELF;
-
-Id idFrom(const std::string& text, unsigned defaultKind = 1) {
-  Id id;
-  const std::string error = parseId(text, static_cast<uint8_t>(defaultKind), id);
-  if (!error.empty()) fail(Exit::kUsage, {}, error);
-  return id;
-}
 
 unsigned kindFrom(const Request& r) {
   if (r.kind > 255) fail(Exit::kUsage, {}, fmt::format("--kind {}: kinds are 0 to 255", r.kind));
@@ -94,26 +88,6 @@ void addEntries(List& list, const std::string& file, std::vector<NewEntry>& entr
   images.reserve(entries.size());
   for (const NewEntry& e : entries) images.push_back(e.input->loadElf());
   for (size_t i = 0; i < entries.size(); ++i) list.add(entries[i].id.key(), std::move(images[i]));
-}
-
-// An address: decimal, or hex with 0x. Digits as nm and readelf print
-// addresses (hex without 0x: eight or sixteen of them, or a leading zero)
-// could be read either way, and are refused with a hint, as is hex without
-// its 0x.
-uint32_t addressFrom(const std::string& text) {
-  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  const bool hexDigits = !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-  if (digits && (text.size() == 8 || text.size() == 16 || (text.size() > 1 && text[0] == '0'))) {
-    fail(Exit::kUsage, {},
-         fmt::format("'{}' could be hex (as nm and readelf print addresses) or decimal: write 0x{} for hex, or the "
-                     "decimal number without leading zeros",
-                     text, text));
-  }
-  if (hexDigits && !digits) fail(Exit::kUsage, {}, fmt::format("'{}' is hex without 0x: write 0x{}", text, text));
-  uint32_t address = 0;
-  const std::string error = parseNumber(text, address);
-  if (!error.empty()) fail(Exit::kUsage, {}, error);
-  return address;
 }
 
 // "SECTION=ADDRESS", split at the last '=': names may hold one, addresses
@@ -186,29 +160,6 @@ void createCommand(const Request& r) {
   out.writeList(list);
 }
 
-namespace {
-
-// The file a change reads: indexed, and refused when it holds what reading
-// drops (unless --drop-unread).
-struct Changed {
-  Output out;
-  Store store;
-  Changed(const Request& r, const std::string& file)
-      : out(Output::change(file, r.wait)), store(out.lockedFile(), file) {
-    if (!r.dropUnread) refuseDrops(store.report(), file);
-  }
-};
-
-PlannedEntry& plannedOf(std::vector<PlannedEntry>& plan, const Store& store, const Id& id) {
-  const IndexedEntry& entry = store.entry(id);
-  for (PlannedEntry& p : plan) {
-    if (p.from == &entry) return p;
-  }
-  fail(Exit::kAbsentId, store.name(), fmt::format("no entry {}", format(id)));
-}
-
-}  // namespace
-
 void addCommand(const Request& r) {
   std::vector<NewEntry> entries = parseEntries(r.args, kindFrom(r));
   Changed c(r, r.file);
@@ -241,30 +192,6 @@ void removeCommand(const Request& r) {
 }
 
 namespace {
-
-// Records `pairs` in the planned entry `id`, after checking every section
-// name against the entry's image (loaded now).
-void recordAddresses(const Changed& c, std::vector<PlannedEntry>& plan, const Id& id,
-                     const std::vector<std::pair<std::string, uint32_t>>& pairs, const std::string& file) {
-  PlannedEntry& entry = plannedOf(plan, c.store, id);
-  const kelo_elf::ELF image = c.store.image(*entry.from);
-  for (const auto& p : pairs) {
-    if (!image.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
-      fail(Exit::kNoSection, file,
-           fmt::format("entry {} has no section {} (addresses go to the image's sections, .constant and .local)",
-                       format(id), quoted(p.first)));
-    }
-  }
-  for (const auto& p : pairs) {
-    auto found =
-        std::find_if(entry.sections.begin(), entry.sections.end(), [&p](const auto& s) { return s.first == p.first; });
-    if (found != entry.sections.end()) {
-      found->second = p.second;
-    } else {
-      entry.sections.push_back(p);
-    }
-  }
-}
 
 // The lines of a --from LIST: "ID SECTION=ADDRESS...", blank lines and
 // lines starting with # skipped.
@@ -329,41 +256,6 @@ void setAddrCommand(const Request& r) {
   Changed c(r, r.file);
   std::vector<PlannedEntry> plan = c.store.plan();
   recordAddresses(c, plan, id, pairs, r.file);
-  c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
-}
-
-void placeCommand(const Request& r) {
-  const Id id = idFrom(r.second);
-  const uint32_t base = addressFrom(r.base);
-  Changed c(r, r.file);
-  std::vector<PlannedEntry> plan = c.store.plan();
-  PlannedEntry& entry = plannedOf(plan, c.store, id);
-  const kelo_elf::ELF image = c.store.image(*entry.from);
-  constexpr uint64_t kAlloc = 0x2;  // SHF_ALLOC
-  std::vector<std::pair<std::string, uint32_t>> pairs;
-  uint64_t cursor = base;
-  for (const kelo_elf::SectionHeader& h : image.sectionHeaders()) {
-    if ((h.flags & kAlloc) == 0 || h.size == 0) continue;
-    const uint64_t align = h.addralign > 1 ? h.addralign : 1;
-    const uint64_t at = (cursor + align - 1) / align * align;
-    if (at + h.size - 1 > UINT32_MAX || at < cursor) {
-      fail(Exit::kUsage, r.file,
-           fmt::format("entry {} does not fit below 4 GiB from 0x{:08x} (section {})", format(id), base,
-                       quoted(h.name)));
-    }
-    cursor = at + h.size;
-    const bool taken = std::any_of(pairs.begin(), pairs.end(), [&h](const auto& p) { return p.first == h.name; });
-    if (taken) {
-      complain(fmt::format("kelodbg: {}: warning: entry {} has several sections {}; only the first has an address\n",
-                           escapeControls(r.file), format(id), quoted(h.name)));
-      continue;
-    }
-    pairs.emplace_back(h.name, static_cast<uint32_t>(at));
-  }
-  if (pairs.empty())
-    fail(Exit::kNoSection, r.file, fmt::format("entry {} has no allocated section with bytes", format(id)));
-  recordAddresses(c, plan, id, pairs, r.file);
-  for (const auto& p : pairs) print(fmt::format("{}  0x{:08x}\n", printable(p.first), p.second));
   c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
 
@@ -731,6 +623,59 @@ void versionCommand(const Request& r) {
                      .dump());
   }
   print(fmt::format("{}.{}.{}\n", major, minor, patch));
+}
+
+Id idFrom(const std::string& text, unsigned defaultKind) {
+  Id id;
+  const std::string error = parseId(text, static_cast<uint8_t>(defaultKind), id);
+  if (!error.empty()) fail(Exit::kUsage, {}, error);
+  return id;
+}
+
+uint32_t addressFrom(const std::string& text) {
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  const bool hexDigits = !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  if (digits && (text.size() == 8 || text.size() == 16 || (text.size() > 1 && text[0] == '0'))) {
+    fail(Exit::kUsage, {},
+         fmt::format("'{}' could be hex (as nm and readelf print addresses) or decimal: write 0x{} for hex, or the "
+                     "decimal number without leading zeros",
+                     text, text));
+  }
+  if (hexDigits && !digits) fail(Exit::kUsage, {}, fmt::format("'{}' is hex without 0x: write 0x{}", text, text));
+  uint32_t address = 0;
+  const std::string error = parseNumber(text, address);
+  if (!error.empty()) fail(Exit::kUsage, {}, error);
+  return address;
+}
+
+void recordAddresses(const Changed& c, std::vector<PlannedEntry>& plan, const Id& id,
+                     const std::vector<std::pair<std::string, uint32_t>>& pairs, const std::string& file) {
+  PlannedEntry& entry = plannedOf(plan, c.store, id);
+  const kelo_elf::ELF image = c.store.image(*entry.from);
+  for (const auto& p : pairs) {
+    if (!image.hasSection(p.first) && !kelo_debuginfo::format::isAlwaysAcceptedSection(p.first)) {
+      fail(Exit::kNoSection, file,
+           fmt::format("entry {} has no section {} (addresses go to the image's sections, .constant and .local)",
+                       format(id), quoted(p.first)));
+    }
+  }
+  for (const auto& p : pairs) {
+    auto found =
+        std::find_if(entry.sections.begin(), entry.sections.end(), [&p](const auto& s) { return s.first == p.first; });
+    if (found != entry.sections.end()) {
+      found->second = p.second;
+    } else {
+      entry.sections.push_back(p);
+    }
+  }
+}
+
+PlannedEntry& plannedOf(std::vector<PlannedEntry>& plan, const Store& store, const Id& id) {
+  const IndexedEntry& entry = store.entry(id);
+  for (PlannedEntry& p : plan) {
+    if (p.from == &entry) return p;
+  }
+  fail(Exit::kAbsentId, store.name(), fmt::format("no entry {}", format(id)));
 }
 
 }  // namespace kelodbg

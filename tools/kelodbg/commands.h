@@ -27,6 +27,7 @@ struct Request {
   bool dropUnread = false;  // --drop-unread: a change may drop what reading drops
   std::string from;         // set-addr --from LIST
   std::string base;         // place --base ADDRESS
+  std::string map;          // place --map LINKMAP
 };
 
 // Warnings about an entry placed in part (it records some addresses):

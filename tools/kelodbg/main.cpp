@@ -170,7 +170,8 @@ class Cli {
     setMaxInput(maxInput_);
     jsonRequested = r_.json;
 #if defined(KELODBG_WITH_SYMBOLIZE)
-    a2l_.demangle = !demangleStyle_.empty();
+    a2l_.answers.demangle = !demangleStyle_.empty();
+    a2l_.json = outputStyle_ == "JSON";
 #endif
     for (const Command& c : commands_) {
       if (c.app->parsed()) return c.run();
@@ -237,6 +238,14 @@ class Cli {
     sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
   }
   void json(CLI::App* sub) { sub->add_flag("--json", r_.json, "Print one JSON document"); }
+#if defined(KELODBG_WITH_SYMBOLIZE)
+  void cacheSize(CLI::App* sub, size_t& bytes) {
+    sub->add_option("--cache-size", bytes,
+                    "Bytes of decoded debug information kept at once (suffixes K, M, G); default 1G")
+        ->type_name("SIZE")
+        ->transform(sizeValidator(uint64_t{1} << 20, std::min<uint64_t>(SIZE_MAX, uint64_t{1} << 50)));
+  }
+#endif
 
   void define() {
     CLI::App* sub;
@@ -274,16 +283,16 @@ class Cli {
     drops(sub);
 
     sub = command("place",
-                  "Record addresses for every allocated section of one entry, laid out from --base as a loader "
-                  "would: in section header order, each at the next multiple of its alignment after the one "
-                  "before; sections without bytes are left out, and only the first of several of one name can "
-                  "have an address",
+                  "Record addresses for every allocated section of entries at once. With --map, of every object "
+                  "that a GNU ld link map (ld -Map) places and whose bytes equal a stored image, each section at "
+                  "its place in the map. With ID --base, of one entry laid out from ADDRESS as a loader would: in "
+                  "section header order, each at the next multiple of its alignment after the one before. Sections "
+                  "without bytes are left out, and only the first of several of one name can have an address",
                   placeCommand);
     file(sub);
-    id(sub);
-    sub->add_option("--base", r_.base, "Where the first section goes (decimal, or hex with 0x)")
-        ->type_name("ADDRESS")
-        ->required();
+    sub->add_option("id", r_.second, "The entry's identifier (with --base)")->type_name("ID");
+    sub->add_option("--base", r_.base, "Where the first section goes (decimal, or hex with 0x)")->type_name("ADDRESS");
+    sub->add_option("--map", r_.map, "A GNU ld link map ('-': standard input)")->type_name("LINKMAP");
     wait(sub);
     drops(sub);
 
@@ -367,6 +376,7 @@ class Cli {
                     checkAddresses(r_.args);
                     if (r_.args.empty()) claimStandardInput("<stdin> (the addresses)");
                     const Input input(r_.file);
+                    a2l_.module = input.name();
                     return addr2lineCommand(*Store(input).placedList(), a2l_, r_.args, stdin, stdout);
                   });
     sub->add_option("file", r_.file, "The debug-info file")->type_name("FILE");
@@ -374,11 +384,19 @@ class Cli {
         ->type_name("ADDRESS");
     sub->add_option("-e,--exe", exe_, "The debug-info file (as binutils addr2line takes its program)")
         ->type_name("FILE");
-    sub->add_flag("-a,--addresses", a2l_.addresses, "Print each address before its answer");
-    sub->add_flag("-f,--functions", a2l_.functions, "Print function names");
-    sub->add_flag("-i,--inlines", a2l_.inlines, "Print the functions an inlined function was inlined into too");
-    sub->add_flag("-p,--pretty-print", a2l_.pretty, "One line for each address");
-    sub->add_flag("-s,--basenames", a2l_.basenames, "File names without their folders");
+    sub->add_flag("-a,--addresses", a2l_.answers.addresses, "Print each address before its answer");
+    sub->add_flag("-f,--functions", a2l_.answers.functions, "Print function names");
+    sub->add_flag("-i,--inlines", a2l_.answers.inlines, "Print the functions an inlined function was inlined into too");
+    sub->add_flag("-p,--pretty-print", a2l_.answers.pretty, "One line for each address");
+    sub->add_flag("-s,--basenames", a2l_.answers.basenames, "File names without their folders");
+    sub->add_flag("--column", a2l_.answers.columns, "Print file:line:column where the column is known");
+    sub->add_flag("--where", a2l_.answers.where,
+                  "Print the entry, section and offset that hold each address, and the variable that starts there");
+    sub->add_option("--output-style", outputStyle_,
+                    "GNU (the default: binutils' lines) or JSON (LLVM's symbolizer's objects, with the entry, "
+                    "section and offset; one array for addresses given as arguments, one line per address read)")
+        ->type_name("STYLE")
+        ->check(CLI::IsMember({"GNU", "JSON"}));
     sub->add_flag("-C,--demangle{auto}", demangleStyle_,
                   "Demangle C++ names; STYLE auto, gnu-v3 or gnu (the Itanium C++ names that g++ and clang give)")
         ->type_name("[=STYLE]")
@@ -389,10 +407,34 @@ class Cli {
               return fmt::format("'{}': the styles are auto, gnu-v3 and gnu", printable(style));
             },
             "", "STYLE"));
-    sub->add_option("--cache-size", a2l_.cacheBytes,
-                    "Bytes of decoded debug information kept at once (suffixes K, M, G); default 1G")
-        ->type_name("SIZE")
-        ->transform(sizeValidator(uint64_t{1} << 20, std::min<uint64_t>(SIZE_MAX, uint64_t{1} << 50)));
+    cacheSize(sub, a2l_.answers.cacheBytes);
+
+    sub = command("stack",
+                  "A stack trace with every frame's function, file and line: gdb's backtrace, a sanitizer's report, "
+                  "glibc's backtrace_symbols or plain addresses, one a line. Frame #0 (the first line of a plain "
+                  "list) is looked up as given; every later frame holds a return address and is looked up less one, "
+                  "except the frame a signal interrupted",
+                  [this] {
+                    if (trace_.empty() || trace_ == "-") claimStandardInput("<stdin> (the stack trace)");
+                    const Input input(r_.file);
+                    const Store store(input);
+                    const ListPtr placed = store.placedList();
+                    stack_.json = r_.json;
+                    stack_.name = input.name();
+                    stack_.version = store.version();
+                    stack_.answers.functions = stack_.answers.inlines = true;
+                    stack_.answers.demangle = !mangled_;
+                    const TextInput text(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
+                    return stackCommand(*placed, stack_, text.get(), text.name());
+                  });
+    file(sub);
+    sub->add_option("trace", trace_, "The stack trace ('-' or none: standard input)")->type_name("TRACE");
+    json(sub);
+    sub->add_flag("--mangled", mangled_, "Print C++ names as the object holds them");
+    sub->add_flag("-s,--basenames", stack_.answers.basenames, "File names without their folders");
+    sub->add_flag("--column", stack_.answers.columns, "Print file:line:column where the column is known");
+    sub->add_flag("--where", stack_.answers.where, "Print the entry, section and offset that hold each address");
+    cacheSize(sub, stack_.answers.cacheBytes);
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
       const Input input(r_.file);
@@ -567,6 +609,10 @@ class Cli {
   Addr2lineOptions a2l_;
   std::string exe_;            // addr2line -e FILE
   std::string demangleStyle_;  // addr2line -C[=STYLE]: empty when not asked
+  std::string outputStyle_ = "GNU";
+  StackOptions stack_;
+  std::string trace_;     // stack TRACE
+  bool mangled_ = false;  // stack --mangled
 #endif
   std::vector<Command> commands_;
   uint64_t maxInput_ = kDefaultMaxInput;

@@ -1,9 +1,10 @@
-// Output of `kelodbg addr2line` and `kelodbg map`.
+// `kelodbg addr2line` and `kelodbg map`.
 //
-// addr2line follows binutils' addr2line byte for byte: "??" for an unknown
-// function, "??:0" for an address nothing is known about, "??:?" for one
-// whose line is unknown, the address's own discriminator repeated on every
-// line of an inline chain, and addresses as wide as the linked program's.
+// addr2line's text follows binutils' addr2line byte for byte: "??" for an
+// unknown function, "??:0" for an address nothing is known about, "??:?"
+// for one whose line is unknown, the address's own discriminator repeated
+// on every line of an inline chain, and addresses as wide as the linked
+// program's. Its JSON is that of LLVM's symbolizer (answers.h).
 #include "symbolize_commands.h"
 
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include "answers.h"
 #include "kelo/symbolize.hpp"
 #include "text.h"
 #include "tool.h"
@@ -23,85 +25,40 @@
 namespace kelodbg {
 namespace {
 
-using kelo_symbolize::Frame;
-using kelo_symbolize::Location;
 using kelo_symbolize::Symbolizer;
-
-std::string idText(const kelo_elf::DebugInfoID& id) { return format(Id::of(id)); }
-
-// Answers are put together with plain appends: at hundreds of thousands of
-// addresses a second, formatting is a good part of the time.
-void appendNumber(std::string& out, uint64_t value) {
-  char digits[24];
-  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
-  out.append(digits, end.ptr);
-}
-
-void printFrame(const Addr2lineOptions& options, const Frame& frame, unsigned discriminator, std::string& out) {
-  if (options.functions) {
-    const std::string& name = options.demangle ? frame.demangled : frame.function;
-    out += name.empty() ? "??" : name;
-    out += options.pretty ? " at " : "\n";
-  }
-  if (frame.file.empty()) {
-    out += "??";
-  } else {
-    const size_t slash = options.basenames ? frame.file.rfind('/') : std::string::npos;
-    out.append(frame.file, slash == std::string::npos ? 0 : slash + 1, std::string::npos);
-  }
-  if (frame.line == 0) {
-    out += ":?\n";
-    return;
-  }
-  out += ':';
-  appendNumber(out, frame.line);
-  if (discriminator != 0) {
-    out += " (discriminator ";
-    appendNumber(out, discriminator);
-    out += ')';
-  }
-  out += '\n';
-}
 
 // The state reused from one answer to the next.
 struct Scratch {
-  Location location;
+  Answer answer;
   std::string text;  // one answer, written at once
 };
 
 void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
-            std::FILE* file) {
-  std::string& out = scratch.text;
+            std::FILE* file, Json* all) {
   // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
   // cut to the width of the program's addresses.
   uint64_t address = std::strtoull(text, nullptr, 16);
   const unsigned bits = symbolizer.addressBits();
   if (bits == 32) address &= 0xffffffffu;
-  out.clear();
-  if (options.addresses) {
-    char hex[17];
-    const std::to_chars_result end = std::to_chars(hex, hex + sizeof hex, address, 16);
-    out += "0x";
-    out.append(bits / 4 - std::min<size_t>(bits / 4, static_cast<size_t>(end.ptr - hex)), '0');
-    out.append(hex, end.ptr);
-    out += options.pretty ? ": " : "\n";
-  }
-  const Location* loc = symbolizer.resolve(address, scratch.location) ? &scratch.location : nullptr;
-  if (loc == nullptr && address > 0xffffffffu) {
+  Answer& a = scratch.answer;
+  a.address = a.lookup = address;
+  a.resolve(symbolizer);
+  if (!a.placed && address > 0xffffffffu) {
     // Answered as binutils would, and said why: no recorded address is that
     // large.
     complain(
         fmt::format("kelodbg: address 0x{:x} does not fit in 32 bits; the file records 32-bit addresses\n", address));
   }
-  if (loc == nullptr || loc->frames.empty()) {
-    if (options.functions) out += options.pretty ? "?? " : "??\n";
-    out += "??:0\n";
+  if (all != nullptr) {
+    all->push(answerJson(a, options.answers, options.module));
+    return;
+  }
+  std::string& out = scratch.text;
+  out.clear();
+  if (options.json) {
+    out = answerJson(a, options.answers, options.module).line() + "\n";
   } else {
-    const size_t shown = options.inlines ? loc->frames.size() : 1;
-    for (size_t i = 0; i < shown; ++i) {
-      if (i > 0 && options.pretty) out += " (inlined by) ";
-      printFrame(options, loc->frames[i], loc->frames[0].discriminator, out);
-    }
+    appendText(a, options.answers, bits, out);
   }
   std::fwrite(out.data(), 1, out.size(), file);
   if (flush) std::fflush(file);
@@ -112,15 +69,23 @@ void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char*
 int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineOptions& options,
                      const std::vector<std::string>& addresses, std::FILE* in, std::FILE* out) {
   kelo_symbolize::Options symbolizerOptions;
-  symbolizerOptions.cacheBytes = options.cacheBytes;
-  symbolizerOptions.demangle = options.demangle;
+  symbolizerOptions.cacheBytes = options.answers.cacheBytes;
+  symbolizerOptions.demangle = options.answers.demangle;
   symbolizerOptions.report = [](const kelo_elf::DebugInfoID& id, const std::string& why) {
-    complain(fmt::format("kelodbg: entry {}: warning: {}\n", idText(id), why));
+    complain(fmt::format("kelodbg: entry {}: warning: {}\n", entryText(id), why));
   };
   Symbolizer symbolizer(list, symbolizerOptions);
   Scratch buffer;
   if (!addresses.empty()) {
-    for (const std::string& text : addresses) answer(symbolizer, options, text.c_str(), false, buffer, out);
+    // Addresses given as arguments make one JSON array, as a document.
+    Json all = Json::array();
+    for (const std::string& text : addresses) {
+      answer(symbolizer, options, text.c_str(), false, buffer, out, options.json ? &all : nullptr);
+    }
+    if (options.json) {
+      const std::string text = all.line() + "\n";
+      std::fwrite(text.data(), 1, text.size(), out);
+    }
     return 0;
   }
   // binutils reads standard input in pieces of at most 99 characters, and
@@ -131,7 +96,7 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   const int fd = fileno(in);
   const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
   char line[100];
-  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out);
+  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out, nullptr);
   if (std::ferror(in)) fail(Exit::kFileIo, "<stdin>", fmt::format("cannot read: {}", std::strerror(errno)));
   return 0;
 }
@@ -150,13 +115,13 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
       Json overlaps = Json::array();
       for (size_t k : r.overlaps) {
         overlaps.push(Json::object()
-                          .set("id", idText(ranges[k].id))
+                          .set("id", entryText(ranges[k].id))
                           .set("kind", ranges[k].id.kind)
                           .set("number", ranges[k].id.number())
                           .set("section", ranges[k].section));
       }
       doc.push(Json::object()
-                   .set("id", idText(r.id))
+                   .set("id", entryText(r.id))
                    .set("kind", r.id.kind)
                    .set("number", r.id.number())
                    .set("section", r.section)
@@ -176,11 +141,11 @@ int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& nam
     std::string overlaps;
     for (size_t k : r.overlaps) {
       overlaps +=
-          fmt::format("{}{} {}", overlaps.empty() ? "" : ", ", idText(ranges[k].id), printable(ranges[k].section));
+          fmt::format("{}{} {}", overlaps.empty() ? "" : ", ", entryText(ranges[k].id), printable(ranges[k].section));
     }
     if (r.overlapCount > r.overlaps.size()) overlaps += fmt::format(" and {} more", r.overlapCount - r.overlaps.size());
-    print(fmt::format("0x{:08x}  0x{:08x}  {}  {:<{}}  {}\n", r.start, r.end, idText(r.id), printable(r.section), width,
-                      overlaps.empty() ? "-" : overlaps));
+    print(fmt::format("0x{:08x}  0x{:08x}  {}  {:<{}}  {}\n", r.start, r.end, entryText(r.id), printable(r.section),
+                      width, overlaps.empty() ? "-" : overlaps));
   }
   return 0;
 }

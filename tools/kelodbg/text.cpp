@@ -88,6 +88,12 @@ std::string jsonString(const std::string& s) {
 }
 
 Json& Json::set(std::string key, Json value) {
+  for (auto& m : members_) {
+    if (m.first == key) {
+      m.second = std::move(value);
+      return *this;
+    }
+  }
   members_.emplace_back(std::move(key), std::move(value));
   return *this;
 }
@@ -101,6 +107,26 @@ std::string Json::dump() const {
   std::string out;
   write(out, 0);
   return out + "\n";
+}
+
+std::string Json::line() const {
+  std::string out;
+  writeLine(out);
+  return out;
+}
+
+void Json::writeLine(std::string& out) const {
+  if (kind_ != kArray && kind_ != kObject) {
+    write(out, 0);
+    return;
+  }
+  out += kind_ == kArray ? '[' : '{';
+  for (size_t i = 0; i < members_.size(); ++i) {
+    if (i != 0) out += ',';
+    if (kind_ == kObject) out += jsonString(members_[i].first) + ":";
+    members_[i].second.writeLine(out);
+  }
+  out += kind_ == kArray ? ']' : '}';
 }
 
 void Json::write(std::string& out, int depth) const {

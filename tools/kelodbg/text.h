@@ -41,16 +41,20 @@ class Json {
   static Json object() { return Json(kObject); }
   static Json array() { return Json(kArray); }
 
-  // Adds a member (objects) or an element (arrays); returns *this.
+  // Adds a member (objects; a key set before gets the new value) or an
+  // element (arrays); returns *this.
   Json& set(std::string key, Json value);
   Json& push(Json value);
 
   std::string dump() const;
+  // The value on one line, without spaces (and without a newline).
+  std::string line() const;
 
  private:
   enum Kind { kNull, kBool, kNumber, kString, kArray, kObject };
   explicit Json(Kind kind) : kind_(kind) {}
   void write(std::string& out, int depth) const;
+  void writeLine(std::string& out) const;
 
   Kind kind_;
   uint64_t number_ = 0;

@@ -89,6 +89,19 @@ KELO_EXPORT bool keloSymResultFrame(keloSymResult result, uint32_t index, keloSy
 /* Releases a result. NULL does nothing. */
 KELO_EXPORT void keloSymResultFree(keloSymResult result);
 
+/* Added in version node KELO_SYMBOLIZE_1.2. */
+
+/* The name of the variable that starts at the address; "" when none does,
+ * NULL when result is NULL. Valid until the result is freed. */
+KELO_EXPORT const char* keloSymResultVariable(keloSymResult result);
+
+/* Where the function of frame `index` begins: the file ("" when unknown)
+ * and line (0) of its declaration, and its run-time start address. Returns
+ * whether the start address is known; *address is 0 when it is not. NULL
+ * out-parameters are skipped. False also when the frame does not exist. */
+KELO_EXPORT bool keloSymResultFrameStart(keloSymResult result, uint32_t index, const char** file, uint32_t* line,
+                                         uint64_t* address);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

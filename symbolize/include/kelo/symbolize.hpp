@@ -93,6 +93,15 @@ struct Frame {
   // The line table's discriminator for the innermost frame; the call site's
   // discriminator, where recorded, for the frames around it.
   unsigned discriminator = 0;
+  // Where the frame's function begins: the file and line of its
+  // declaration (empty, 0 when unknown), and the run-time address of its
+  // DW_AT_low_pc when it has one in the section holding the address
+  // (hasStart false otherwise; a function given as ranges has none). A
+  // frame named by a symbol starts at the symbol.
+  std::string startFile;
+  unsigned startLine = 0;
+  uint64_t startAddress = 0;
+  bool hasStart = false;
 };
 
 // The answer for one address.

@@ -1,0 +1,205 @@
+#include "answers.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "tool.h"
+
+namespace kelodbg {
+namespace {
+
+using kelo_symbolize::Frame;
+
+// Answers are put together with plain appends: at hundreds of thousands of
+// addresses a second, formatting is a good part of the time.
+void appendNumber(std::string& out, uint64_t value, int base = 10) {
+  char digits[24];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
+  out.append(digits, end.ptr);
+}
+
+std::string hex(uint64_t value) {
+  std::string out = "0x";
+  appendNumber(out, value, 16);
+  return out;
+}
+
+const std::string& nameOf(const Frame& frame, const AnswerOptions& options) {
+  return options.demangle ? frame.demangled : frame.function;
+}
+
+void appendFile(const std::string& file, const AnswerOptions& options, std::string& out) {
+  const size_t slash = options.basenames ? file.rfind('/') : std::string::npos;
+  out.append(file, slash == std::string::npos ? 0 : slash + 1, std::string::npos);
+}
+
+// "file:line", "file:line:column" or "file:?"; binutils prints the
+// address's own discriminator on every frame.
+void appendPlace(const Frame& frame, const AnswerOptions& options, unsigned discriminator, std::string& out) {
+  if (frame.file.empty()) {
+    out += "??";
+  } else {
+    appendFile(frame.file, options, out);
+  }
+  if (frame.line == 0) {
+    out += ":?";
+    return;
+  }
+  out += ':';
+  appendNumber(out, frame.line);
+  if (options.columns && frame.column != 0) {
+    out += ':';
+    appendNumber(out, frame.column);
+  }
+  if (discriminator != 0) {
+    out += " (discriminator ";
+    appendNumber(out, discriminator);
+    out += ')';
+  }
+}
+
+// "[entry 1:0x00000007 .text+0x1c variable total]": where the address lies.
+void appendWhere(const Answer& answer, std::string& out) {
+  if (!answer.placed) {
+    out += "[no stored section]";
+    return;
+  }
+  const kelo_symbolize::Location& loc = answer.location;
+  out += "[entry ";
+  out += entryText(loc.id);
+  out += ' ';
+  out += printable(loc.section);
+  out += "+0x";
+  appendNumber(out, loc.offset, 16);
+  if (!loc.variable.empty()) {
+    out += " variable ";
+    out += printable(loc.variable);
+  }
+  out += ']';
+}
+
+}  // namespace
+
+std::string entryText(const kelo_elf::DebugInfoID& id) { return format(Id::of(id)); }
+
+void appendText(const Answer& answer, const AnswerOptions& options, unsigned bits, std::string& out) {
+  if (options.addresses) {
+    char digits[17];
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, answer.address, 16);
+    out += "0x";
+    out.append(bits / 4 - std::min<size_t>(bits / 4, static_cast<size_t>(end.ptr - digits)), '0');
+    out.append(digits, end.ptr);
+    out += options.pretty ? ": " : "\n";
+  }
+  if (options.where) {
+    appendWhere(answer, out);
+    out += options.pretty ? " " : "\n";
+  }
+  const std::vector<Frame>& frames = answer.location.frames;
+  if (!answer.placed || frames.empty()) {
+    if (options.functions) out += options.pretty ? "?? " : "??\n";
+    out += "??:0\n";
+    return;
+  }
+  const size_t shown = options.inlines ? frames.size() : 1;
+  for (size_t i = 0; i < shown; ++i) {
+    if (i > 0 && options.pretty) out += " (inlined by) ";
+    if (options.functions) {
+      const std::string& name = nameOf(frames[i], options);
+      out += name.empty() ? "??" : name;
+      out += options.pretty ? " at " : "\n";
+    }
+    appendPlace(frames[i], options, frames[0].discriminator, out);
+    out += '\n';
+  }
+}
+
+void appendStackText(const Answer& answer, const AnswerOptions& options, std::string& out) {
+  const std::vector<Frame>& frames = answer.location.frames;
+  if (options.where) {
+    out += "    ";
+    appendWhere(answer, out);
+    out += '\n';
+  }
+  if (!answer.placed) {
+    out += "    ?? (no stored section holds ";
+    out += hex(answer.lookup);
+    out += ")\n";
+    return;
+  }
+  if (frames.empty()) {
+    out += "    ?? ??:0\n";
+    return;
+  }
+  for (size_t i = 0; i < frames.size(); ++i) {
+    out += i == 0 ? "    " : "    (inlined by) ";
+    const std::string& name = nameOf(frames[i], options);
+    out += name.empty() ? "??" : name;
+    out += " at ";
+    appendPlace(frames[i], options, 0, out);
+    out += '\n';
+  }
+}
+
+Json framesJson(const Answer& answer, const AnswerOptions& options) {
+  Json symbols = Json::array();
+  auto frameJson = [&options](const Frame* f) {
+    if (f == nullptr) {
+      return Json::object()
+          .set("Column", 0)
+          .set("Discriminator", 0)
+          .set("FileName", "")
+          .set("FunctionName", "")
+          .set("Line", 0)
+          .set("StartAddress", "")
+          .set("StartFileName", "")
+          .set("StartLine", 0);
+    }
+    std::string file, startFile;
+    appendFile(f->file, options, file);
+    appendFile(f->startFile, options, startFile);
+    return Json::object()
+        .set("Column", f->column)
+        .set("Discriminator", f->discriminator)
+        .set("FileName", file)
+        .set("FunctionName", nameOf(*f, options))
+        .set("Line", f->line)
+        .set("StartAddress", f->hasStart ? hex(f->startAddress) : std::string())
+        .set("StartFileName", startFile)
+        .set("StartLine", f->startLine);
+  };
+  const std::vector<Frame>& frames = answer.location.frames;
+  if (!answer.placed || frames.empty()) {
+    symbols.push(frameJson(nullptr));
+    return symbols;
+  }
+  const kelo_symbolize::Location& loc = answer.location;
+  if (!loc.variable.empty()) {
+    // A variable's address is named by the variable, as a symbol table
+    // would; where it was declared is told beside (answerJson).
+    return symbols.push(frameJson(nullptr).set("FunctionName", loc.variable).set("StartAddress", hex(answer.lookup)));
+  }
+  const size_t shown = options.inlines ? frames.size() : 1;
+  for (size_t i = 0; i < shown; ++i) symbols.push(frameJson(&frames[i]));
+  return symbols;
+}
+
+Json answerJson(const Answer& answer, const AnswerOptions& options, const std::string& module) {
+  Json doc = Json::object()
+                 .set("Address", hex(answer.address))
+                 .set("ModuleName", module)
+                 .set("Symbol", framesJson(answer, options));
+  if (answer.placed) {
+    const kelo_symbolize::Location& loc = answer.location;
+    doc.set("Entry", entryText(loc.id)).set("Section", loc.section).set("Offset", hex(loc.offset));
+    if (!loc.variable.empty() && !loc.frames.empty()) {
+      std::string file;
+      appendFile(loc.frames[0].file, options, file);
+      doc.set("Variable",
+              Json::object().set("Name", loc.variable).set("DeclFile", file).set("DeclLine", loc.frames[0].line));
+    }
+  }
+  return doc;
+}
+
+}  // namespace kelodbg
