@@ -13,6 +13,13 @@ set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 dir=${1:-}
+# The demo works in a folder of its own: DIR is made absolute first.
+if [[ -n $dir ]]; then
+  dir=$(cd "$dir" && pwd) || {
+    echo "demo: no folder '$1'" >&2
+    exit 1
+  }
+fi
 
 kelodbg=
 for candidate in "$dir/tools/kelodbg/kelodbg" "$dir/bin/kelodbg"; do

@@ -333,4 +333,101 @@ test_habits() {
   expect 2 "needs FILE" -- "$kelodbg" addr2line
 }
 
+# Stack traces: every form of frame line, return addresses looked up less
+# one, module offsets, JSON.
+test_traces() {
+  "$kelodbg" help stack >/dev/null 2>&1 || return 0
+  # util_scale fills 0x1000-0x1012, main starts at 0x1013: a return address
+  # at 0x1013 follows a call at the end of util_scale.
+  "$kelodbg" create t.kdbg 1=util.o 2=main.o || fail "create t.kdbg"
+  "$kelodbg" set-addr t.kdbg 1 .text=0x1000 && "$kelodbg" set-addr t.kdbg 2 .text=0x1013 || fail "set-addr"
+  printf '%s\n' 'Program received signal SIGSEGV' '#0  0x0000000000001013 in ?? ()' '#1  0x0000000000001013 in ?? ()' \
+    '#2  main () at main.c:3' '#3  <signal handler called>' '#4  0x0000000000001013 in ?? ()' >gdb.txt
+  expect 0 '' -- "$kelodbg" stack t.kdbg gdb.txt
+  # Each line as it was, then its frames.
+  local want
+  want=$(printf '%s\n' 'Program received signal SIGSEGV' '#0  0x0000000000001013 in ?? ()' '    main at *' \
+    '#1  0x0000000000001013 in ?? ()' '    util_scale at *' '#2  main () at main.c:3' '    (no address in this line)' \
+    '#3  <signal handler called>' '#4  0x0000000000001013 in ?? ()' '    main at *')
+  local i=0 line
+  while IFS= read -r line; do
+    i=$((i + 1))
+    # shellcheck disable=SC2053
+    [[ $(sed -n "${i}p" out.txt) == $line ]] || fail "stack, line $i: '$(sed -n "${i}p" out.txt)', want '$line'"
+  done <<<"$want"
+  [[ $(wc -l <out.txt) == "$i" ]] || fail "stack printed $(wc -l <out.txt) lines: $(cat out.txt)"
+
+  # A plain list from standard input: the first line as it is, the others
+  # less one; a blank line starts a new trace.
+  printf '0x1013\n1013\n\n0x1013\n' | "$kelodbg" stack t.kdbg >out.txt 2>err.txt || fail "stack from stdin"
+  [[ $(grep -c '^    main at' out.txt) == 2 && $(grep -c '^    util_scale at' out.txt) == 1 ]] ||
+    fail "plain addresses: $(cat out.txt)"
+
+  # Sanitizer and glibc lines: with --module, that module's frames by their
+  # offset, the others not at all.
+  printf '%s\n' '    #0 0x7f0000005013  (/opt/app/prog+0x1013)' '    #1 0x7f0000005013  (/opt/app/prog+0x1013)' \
+    '    #2 0x7f00000a1013  (/lib/x86_64-linux-gnu/libc.so.6+0x1013)' './prog(+0x1013) [0x555555555013]' >asan.txt
+  expect 0 '' -- "$kelodbg" stack --module prog t.kdbg asan.txt
+  [[ $(sed -n 2p out.txt) == '    main at '* && $(sed -n 4p out.txt) == '    util_scale at '* &&
+    $(sed -n 5p out.txt) == *libc.so.6* && $(sed -n 6p out.txt) == ./prog* &&
+    $(sed -n 7p out.txt) == '    main at '* && $(wc -l <out.txt) == 7 ]] || fail "stack --module: $(cat out.txt)"
+  expect 0 '' -- "$kelodbg" stack t.kdbg asan.txt
+  grep -q 'no stored section holds 0x7f0000005012' out.txt || fail "stack without --module: $(cat out.txt)"
+
+  expect 0 '' -- "$kelodbg" stack --json t.kdbg gdb.txt
+  grep -q '"lookup": "0x1012"' out.txt && grep -q '"returnAddress": true' out.txt &&
+    grep -q '"FunctionName": "util_scale"' out.txt && grep -q '"Section": ".text"' out.txt &&
+    grep -q '"version": "1.1.2"' out.txt || fail "stack --json: $(cat out.txt)"
+  [[ $(grep -c '"frame":' out.txt) == 5 ]] || fail "stack --json holds the five frames: $(cat out.txt)"
+
+  head -c 70000 /dev/zero | tr '\0' 'x' >long.txt
+  expect 2 'line 1 is longer than' -- "$kelodbg" stack t.kdbg long.txt
+  expect 3 'missing.txt' -- "$kelodbg" stack t.kdbg missing.txt
+}
+
+# place --map: the input sections of a GNU ld link map, for the objects
+# whose bytes are stored.
+test_link_maps() {
+  ar rc libx.a extra.o util.o || fail "ar"
+  "$kelodbg" create m.kdbg 1=main.o 2=util.o 3=extra.o || fail "create m.kdbg"
+  cat >link.map <<'MAP'
+Discarded input sections
+
+ .text          0x0000000000000000       0x4f main.o
+
+Linker script and memory map
+
+LOAD main.o
+.text           0x0000000000401000      0x200
+ *(.text .text.*)
+ .text          0x0000000000401000       0x4f main.o
+                0x0000000000401000                main
+ .text          0x0000000000401050       0x13 libx.a(util.o)
+ .text          0x0000000000401070       0x13 main.o
+ *fill*         0x0000000000401083        0xd 
+ .text          0x0000000000401090       0x10 /nonexistent/crt1.o
+.rodata         0x0000000000402000       0x20
+ .rodata
+                0x0000000000402000        0xa libx.a(util.o)
+.debug_info     0x0000000000000000      0x100
+ .debug_info    0x0000000000000000       0x80 main.o
+MAP
+  expect 0 'main\.o has several sections .\.text.; only the first has an address' -- \
+    "$kelodbg" place m.kdbg --map link.map
+  grep -q '1:0x00000002  libx.a(util.o)  2 sections placed' out.txt && grep -q 'placed 3 sections of 2 entries' out.txt ||
+    fail "place --map said: $(cat out.txt)"
+  grep -q 'crt1.o (No such file' err.txt || fail "place --map names what it could not read: $(cat err.txt)"
+  "$kelodbg" list m.kdbg >list.txt
+  grep -q '0x00000001  .* \.text=0x00401000$' list.txt && grep -q '0x00000002  .* \.rodata=0x00402000 \.text=0x00401050$' list.txt &&
+    grep -q '0x00000003  .* -$' list.txt || fail "place --map recorded: $(cat list.txt)"
+
+  # Nothing of the map stored, or no map at all: refused, the file as it was.
+  cp m.kdbg before.kdbg
+  sed 's/main\.o/other.o/; s/libx.a(util.o)/libx.a(nothing.o)/' link.map >other.map
+  expect 8 'no object of other.map is stored' -- "$kelodbg" place m.kdbg --map other.map
+  expect 2 'not a GNU ld link map' -- "$kelodbg" place m.kdbg --map main.o
+  expect 2 'place takes ID --base ADDRESS, or --map' -- "$kelodbg" place m.kdbg 1 --map link.map
+  same_file m.kdbg before.kdbg "refused place --map"
+}
+
 run_group "$3"

@@ -78,6 +78,23 @@ void appendWhere(const Answer& answer, std::string& out) {
   out += ']';
 }
 
+// LLVM writes the suffixes of a clone ("f.isra.0.cold") as one
+// parenthesized suffix, "f(int) (.isra.0.cold)", where binutils writes
+// "f(int) [clone .isra.0] [clone .cold]".
+std::string llvmCloneSuffixes(const std::string& name) {
+  static const std::string kOpen = " [clone ";
+  std::string suffixes;
+  size_t end = name.size();
+  while (end > 0 && name[end - 1] == ']') {
+    const size_t open = name.rfind(kOpen, end);
+    if (open == std::string::npos) break;
+    suffixes.insert(0, name, open + kOpen.size(), end - 1 - open - kOpen.size());
+    end = open;
+  }
+  if (suffixes.empty()) return name;
+  return name.substr(0, end) + " (" + suffixes + ")";
+}
+
 }  // namespace
 
 std::string entryText(const kelo_elf::DebugInfoID& id) { return format(Id::of(id)); }
@@ -162,7 +179,7 @@ Json framesJson(const Answer& answer, const AnswerOptions& options) {
         .set("Column", f->column)
         .set("Discriminator", f->discriminator)
         .set("FileName", file)
-        .set("FunctionName", nameOf(*f, options))
+        .set("FunctionName", options.demangle ? llvmCloneSuffixes(f->demangled) : f->function)
         .set("Line", f->line)
         .set("StartAddress", f->hasStart ? hex(f->startAddress) : std::string())
         .set("StartFileName", startFile)

@@ -172,6 +172,8 @@ class Cli {
 #if defined(KELODBG_WITH_SYMBOLIZE)
     a2l_.answers.demangle = !demangleStyle_.empty();
     a2l_.json = outputStyle_ == "JSON";
+    // LLVM's JSON always holds the whole inline chain.
+    if (a2l_.json) a2l_.answers.inlines = true;
 #endif
     for (const Command& c : commands_) {
       if (c.app->parsed()) return c.run();
@@ -393,7 +395,7 @@ class Cli {
     sub->add_flag("--where", a2l_.answers.where,
                   "Print the entry, section and offset that hold each address, and the variable that starts there");
     sub->add_option("--output-style", outputStyle_,
-                    "GNU (the default: binutils' lines) or JSON (LLVM's symbolizer's objects, with the entry, "
+                    "GNU (the default: binutils' lines) or JSON (LLVM's symbolizer's objects, every inline frame, with the entry, "
                     "section and offset; one array for addresses given as arguments, one line per address read)")
         ->type_name("STYLE")
         ->check(CLI::IsMember({"GNU", "JSON"}));
@@ -415,7 +417,6 @@ class Cli {
                   "list) is looked up as given; every later frame holds a return address and is looked up less one, "
                   "except the frame a signal interrupted",
                   [this] {
-                    if (trace_.empty() || trace_ == "-") claimStandardInput("<stdin> (the stack trace)");
                     const Input input(r_.file);
                     const Store store(input);
                     const ListPtr placed = store.placedList();
@@ -430,6 +431,11 @@ class Cli {
     file(sub);
     sub->add_option("trace", trace_, "The stack trace ('-' or none: standard input)")->type_name("TRACE");
     json(sub);
+    sub->add_option("--module", stack_.module,
+                    "Look up only the frames of this program or library (a path, or a file name), by their offset "
+                    "in it as sanitizers and glibc print it (\"(MODULE+0xOFFSET)\"): for a store placed at the "
+                    "link map's addresses of a position-independent program")
+        ->type_name("NAME");
     sub->add_flag("--mangled", mangled_, "Print C++ names as the object holds them");
     sub->add_flag("-s,--basenames", stack_.answers.basenames, "File names without their folders");
     sub->add_flag("--column", stack_.answers.columns, "Print file:line:column where the column is known");

@@ -214,9 +214,10 @@ std::vector<unsigned char> objectBytes(const std::string& named, const std::stri
   return bytes;
 }
 
+// The first three of `names` (printable already), and how many more.
 std::string listed(const std::vector<std::string>& names) {
   std::string out;
-  for (size_t i = 0; i < names.size() && i < 3; ++i) out += (i == 0 ? "" : ", ") + printable(names[i]);
+  for (size_t i = 0; i < names.size() && i < 3; ++i) out += (i == 0 ? "" : ", ") + names[i];
   if (names.size() > 3) out += fmt::format(" and {} more", names.size() - 3);
   return out;
 }
@@ -300,7 +301,7 @@ void placeFromMap(const Request& r) {
                                    pairs.size() == 1 ? "" : "s",
                                    unplaced == 0 ? "" : fmt::format(", {} not in the map", unplaced)));
     }
-    if (!found) notStored.push_back(object);
+    if (!found) notStored.push_back(printable(object));
   }
   if (placedEntries == 0) {
     fail(Exit::kAbsentId, r.file,

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <fmt/format.h>
 
@@ -49,7 +50,36 @@ struct TraceLine {
   bool address = false;  // it gives the frame's address
   uint64_t value = 0;    // which
   bool signal = false;   // gdb's "<signal handler called>"
+  // "(MODULE+0xOFFSET)" (sanitizers) or "MODULE(+0xOFFSET)" (glibc): the
+  // address as an offset in the file it was loaded from.
+  bool inModule = false;
+  std::string module;
+  uint64_t offset = 0;
 };
+
+// Finds "(MODULE+0xOFFSET)" or "MODULE(+0xOFFSET)" in the line.
+void findModuleOffset(const std::string& line, TraceLine& t) {
+  for (size_t plus = line.rfind("+0x"); plus != std::string::npos && plus > 0; plus = line.rfind("+0x", plus - 1)) {
+    uint64_t offset = 0;
+    size_t end = 0;
+    if (!hexAt(line, plus + 1, false, offset, end) || end >= line.size() || line[end] != ')') continue;
+    const size_t open = line.rfind('(', plus);
+    if (open == std::string::npos) continue;
+    std::string module = line.substr(open + 1, plus - open - 1);
+    if (module.empty()) {
+      // glibc: the module stands before the parenthesis.
+      const size_t space = line.find_last_of(" \t", open);
+      const size_t start = space == std::string::npos ? 0 : space + 1;
+      module = line.substr(start, open - start);
+    } else if (module.find_first_of(" \t") != std::string::npos) {
+      continue;
+    }
+    t.inModule = true;
+    t.module = module;
+    t.offset = offset;
+    return;
+  }
+}
 
 TraceLine parseLine(const std::string& line) {
   TraceLine t;
@@ -70,6 +100,7 @@ TraceLine parseLine(const std::string& line) {
     if (i == std::string::npos) return t;
     if (line.compare(i, 23, "<signal handler called>") == 0) t.signal = true;
     t.address = hexAt(line, i, false, t.value, end);
+    if (t.address) findModuleOffset(line, t);
     return t;
   }
   // glibc's backtrace_symbols: "prog(f+0x1d) [0x401136]".
@@ -77,6 +108,7 @@ TraceLine parseLine(const std::string& line) {
   if (bracket != std::string::npos && hexAt(line, bracket + 1, false, t.value, end) && end < line.size() &&
       line[end] == ']') {
     t.frame = t.address = true;
+    findModuleOffset(line, t);
     return t;
   }
   // A plain address, 0x optional, alone on its line.
@@ -84,6 +116,15 @@ TraceLine parseLine(const std::string& line) {
     t.frame = t.address = true;
   }
   return t;
+}
+
+// Whether the trace's module `named` (a path) is `wanted` (a path, or a
+// file name).
+bool sameModule(const std::string& named, const std::string& wanted) {
+  if (named == wanted) return true;
+  const size_t slash = named.rfind('/');
+  return wanted.find('/') == std::string::npos && slash != std::string::npos &&
+         named.compare(slash + 1, std::string::npos, wanted) == 0;
 }
 
 // Reads one line (without its newline) into `line`; false at the end.
@@ -134,8 +175,13 @@ int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& 
     const bool returnAddress = index > 0 && !afterSignal;
     afterSignal = t.signal;
     out.clear();
-    if (t.address) {
-      answer.address = t.value & mask;
+    // With --module, frames of that module are looked up by their offset
+    // in it (a program or library placed at its link-time addresses), and
+    // frames of other modules not at all.
+    const bool other = !options.module.empty() && t.inModule && !sameModule(t.module, options.module);
+    const bool lookedUp = t.address && !other;
+    if (lookedUp) {
+      answer.address = (!options.module.empty() && t.inModule ? t.offset : t.value) & mask;
       answer.lookup = returnAddress && answer.address > 0 ? answer.address - 1 : answer.address;
       answer.resolve(symbolizer);
     }
@@ -145,7 +191,8 @@ int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& 
                        .set("text", line)
                        .set("frame", static_cast<uint64_t>(index))
                        .set("returnAddress", returnAddress);
-      if (t.address) {
+      if (t.inModule) frame.set("module", t.module).set("moduleOffset", fmt::format("0x{:x}", t.offset));
+      if (lookedUp) {
         frame.set("address", fmt::format("0x{:x}", answer.address))
             .set("lookup", fmt::format("0x{:x}", answer.lookup))
             .set("answer", answerJson(answer, options.answers, options.name));
@@ -156,9 +203,9 @@ int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& 
       continue;
     }
     out = line + "\n";
-    if (t.address) {
+    if (lookedUp) {
       appendStackText(answer, options.answers, out);
-    } else if (!t.signal) {
+    } else if (!t.address && !t.signal) {
       out += "    (no address in this line)\n";
     }
     print(out);

@@ -40,6 +40,9 @@ struct StackOptions {
   bool json = false;
   std::string name;  // the store's name and format version, for JSON
   std::string version;
+  // --module: the program or library whose frames are looked up, by their
+  // offset in it; empty: every frame, by its address.
+  std::string module;
 };
 
 // Reads the stack trace `in` (named `traceName` in messages) and prints

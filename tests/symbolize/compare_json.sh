@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Compares `kelodbg addr2line --output-style=JSON -C` on the stored objects
+# of the crash example (examples/crash, C++) with LLVM's symbolizer
+# (--output-style=JSON) on the program linked from them, at every
+# instruction address of every stored code section. The objects are placed
+# with `kelodbg place --map` from the link's map.
+#
+# Every frame must carry the same values under the same keys, except two
+# classes where LLVM 14 is the odd one out, counted and printed:
+#   - a name LLVM leaves mangled that demangles (its demangler gives up on
+#     some template return types that binutils' and ours read);
+#   - an empty StartFileName where the function's declaration is reached
+#     through DW_AT_specification (LLVM gives its StartLine all the same).
+#
+# Usage: compare_json.sh KELODBG LLVM_SYMBOLIZER SOURCE_DIR
+set -euo pipefail
+export LC_ALL=C
+kelodbg=$1 llvm=$2 source=$3
+cxx=${CXX:-c++}
+work=$(mktemp -d "${TMPDIR:-/tmp}/compare-json.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+cp "$source"/examples/crash/*.h "$source"/examples/crash/*.cpp .
+"$cxx" -std=c++17 -g -O2 -c stats.cpp report.cpp main.cpp
+"$cxx" -o crash stats.o report.o main.o -Wl,-Map=crash.map
+"$kelodbg" create crash.kdbg 1=main.o 2=stats.o 3=report.o
+"$kelodbg" place crash.kdbg --map crash.map >/dev/null
+
+# Instruction addresses inside the stored code sections.
+"$kelodbg" map crash.kdbg 2>/dev/null | awk 'NR > 1 && $4 ~ /^\.text/ { print $1, $2 }' >ranges.txt
+objdump -d --no-show-raw-insn crash | awk -F: '/^ +[0-9a-f]+:/ { gsub(/ /, "", $1); print $1 }' >insns.txt
+hex='function hex(s,   i, n) { n = 0; s = tolower(s); sub(/^0x/, "", s)
+  for (i = 1; i <= length(s); i++) n = n * 16 + index("0123456789abcdef", substr(s, i, 1)) - 1; return n }'
+awk "$hex"'
+  FILENAME == ARGV[1] { lo[++n] = hex($1); hi[n] = hex($2); next }
+  { a = hex($1); for (i = 1; i <= n; i++) if (a >= lo[i] && a < hi[i]) { print "0x" $1; break } }
+' ranges.txt insns.txt >addresses.txt
+count=$(wc -l <addresses.txt)
+((count > 200)) || { echo "only $count addresses to compare"; exit 1; }
+
+"$llvm" --output-style=JSON -e crash <addresses.txt >llvm.json
+"$kelodbg" addr2line --output-style=JSON -C crash.kdbg <addresses.txt >ours.json 2>/dev/null
+
+# One frame a line: "ADDRESS<TAB>FRAME" with the frame's members as printed.
+frames() {
+  sed -e 's/,"Entry":.*}$/}/' -e 's/^{"Address":"\([^"]*\)","ModuleName":"[^"]*","Symbol":\[{\(.*\)}\]}$/\1\t\2/' \
+    -e 's/},{/\n\t/g' "$1" |
+    awk -F'\t' '{ if ($1 != "") a = $1; else $0 = a $0; print }'
+}
+frames llvm.json >llvm.txt
+frames ours.json >ours.txt
+[[ $(wc -l <llvm.txt) == $(wc -l <ours.txt) ]] || { echo "different numbers of frames"; exit 1; }
+
+paste -d '\n' llvm.txt ours.txt | awk -F'\t' -v count="$count" '
+  function field(s, key,   m) {
+    if (match(s, "\"" key "\":(\"[^\"]*\"|[0-9]+)")) return substr(s, RSTART + length(key) + 3, RLENGTH - length(key) - 3)
+    return ""
+  }
+  function drop(s, key) { sub("\"" key "\":(\"[^\"]*\"|[0-9]+)", "", s); return s }
+  NR % 2 == 1 { theirs = $2; address = $1; next }
+  {
+    ours = $2
+    frames++
+    if (field(theirs, "FunctionName") ~ /^"_Z/ && field(ours, "FunctionName") !~ /^"_Z/) {
+      mangled++
+      theirs = drop(theirs, "FunctionName"); ours = drop(ours, "FunctionName")
+    }
+    if (field(theirs, "StartFileName") == "\"\"" && field(ours, "StartFileName") != "\"\"") {
+      nofile++
+      theirs = drop(theirs, "StartFileName"); ours = drop(ours, "StartFileName")
+    }
+    if (theirs == ours) { same++; next }
+    if (bad++ < 10) printf "%s: LLVM %s\n%s: ours %s\n", address, $0 == "" ? "" : theirs, address, ours
+  }
+  END {
+    printf "%d addresses, %d frames: %d identical, %d with a name LLVM leaves mangled, %d where LLVM has no StartFileName, %d different\n",
+      count, frames, same, mangled, nofile, bad
+    exit bad > 0
+  }'
+echo "JSON answers agree with LLVM"
