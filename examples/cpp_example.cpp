@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
 
   kelo_debuginfo::DebugInfoList list;
   const kelo_elf::DebugInfoID id(/*kind=*/1, /*lo=*/0x1234, /*hi=*/0x0001);
-  list.add(id, std::move(*image));              // stamps id into the stored image's debugInfoID
+  list.add(id, std::move(*image));               // stamps id into the stored image's debugInfoID
   list.setSectionAddr(id, ".text", 0x80001000);  // the image has .text; other names are ignored
 
   // Renumbering is all or nothing; afterwards pointers into the list are stale.

@@ -395,7 +395,8 @@ class Cli {
     sub->add_flag("--where", a2l_.answers.where,
                   "Print the entry, section and offset that hold each address, and the variable that starts there");
     sub->add_option("--output-style", outputStyle_,
-                    "GNU (the default: binutils' lines) or JSON (LLVM's symbolizer's objects, every inline frame, with the entry, "
+                    "GNU (the default: binutils' lines) or JSON (LLVM's symbolizer's objects, every inline frame, with "
+                    "the entry, "
                     "section and offset; one array for addresses given as arguments, one line per address read)")
         ->type_name("STYLE")
         ->check(CLI::IsMember({"GNU", "JSON"}));
