@@ -43,6 +43,55 @@ constexpr const char* kNotes =
     "/dev/stdin, /dev/stdout, /dev/fd/N and /proc/self/fd/N are the descriptor itself.\n"
     "Changes replace the file atomically and lock it while they run; readers need no lock.\n";
 
+// Examples, for `kelodbg help` and the manual page's EXAMPLES: a title, then
+// command lines, for each.
+struct Example {
+  const char* title;
+  const char* lines;
+};
+constexpr Example kExamples[] = {
+    {"A session: store objects, record addresses, renumber, read back",
+     "kelodbg create game.kdbg 0x00011234=main.o 7=util.o\n"
+     "kelodbg set-addr game.kdbg 0x00011234 .text=0x80001000 .data=0x80100000\n"
+     "kelodbg renumber game.kdbg 0x00011234=0:0x40\n"
+     "kelodbg list game.kdbg\n"
+     "kelodbg extract game.kdbg 0:0x40 -o main-copy.o"},
+    {"A crash address: function, file and line, inline frames included",
+     "kelodbg addr2line -a -f -i -p -C plugin.kdbg 0x8000103a"},
+    {"A stack trace: a sanitizer's report of a position-independent program",
+     "kelodbg stack --module crash crash.kdbg trace.txt\n"
+     "gdb -batch -ex run -ex bt ./prog | kelodbg stack prog.kdbg   # a program linked with -no-pie"},
+    {"A link map: place every stored object's sections where the linker put them",
+     "c++ -o crash main.o stats.o -Wl,-Map=crash.map\n"
+     "kelodbg create crash.kdbg 1=main.o 2=stats.o\n"
+     "kelodbg place crash.kdbg --map crash.map"},
+};
+
+constexpr const char* kSeeAlso = "addr2line(1), llvm-symbolizer(1), ld(1), nm(1), readelf(1), gdb(1)";
+
+// The examples whose commands this build has (`known` tells).
+std::string examplesText(const char* indent, const std::function<bool(const std::string&)>& known) {
+  std::string out;
+  for (const Example& e : kExamples) {
+    bool all = true;
+    const std::string text = e.lines;
+    for (size_t at = text.find("kelodbg "); at != std::string::npos; at = text.find("kelodbg ", at + 1)) {
+      const size_t start = at + 8;
+      all = all && known(text.substr(start, text.find(' ', start) - start));
+    }
+    if (!all) continue;
+    out += fmt::format("{}:\n", e.title);
+    std::string lines = e.lines;
+    for (size_t start = 0; start < lines.size();) {
+      size_t end = lines.find('\n', start);
+      if (end == std::string::npos) end = lines.size();
+      out += fmt::format("{}{}\n", indent, lines.substr(start, end - start));
+      start = end + 1;
+    }
+  }
+  return out;
+}
+
 // Whether the command line asked for JSON (--json), known once it parsed.
 bool jsonRequested = false;
 
@@ -144,7 +193,9 @@ class Cli {
       c.app->set_version_flag("--version", versionText());
     }
     // The exit codes are told once, in the help of kelodbg itself.
-    app_.footer(std::string(kNotes) + "\n" + exitCodeTable());
+    app_.footer("Examples:\n" +
+                examplesText("  $ ", [this](const std::string& name) { return find(name) != nullptr; }) + "\n" +
+                kNotes + "\nSee also: " + kSeeAlso + "\n\n" + exitCodeTable());
   }
 
   int run(int argc, char** argv) {
@@ -284,14 +335,15 @@ class Cli {
     wait(sub);
     drops(sub);
 
-    sub = command("place",
-                  "Record addresses for every allocated section of entries at once. With --map, of every object "
-                  "that a GNU ld link map (ld -Map) places and whose bytes equal a stored image, each section at "
-                  "its place in the map. With ID --base, of one entry laid out from ADDRESS as a loader would: in "
-                  "section header order, each at the next multiple of its alignment after the one before. Sections "
-                  "without bytes are left out, and only the first of several of one name can have an address",
+    sub = command("place", "Record addresses of all allocated sections of entries: from a link map, or from a base",
                   placeCommand);
     file(sub);
+    sub->footer(
+        "With --map, every object that a GNU ld link map (ld -Map) places and whose bytes equal a stored image gets "
+        "the address of each of its sections in the map. With ID --base, one entry is laid out from ADDRESS as a "
+        "loader would: in section header order, each section at the next multiple of its alignment after the one "
+        "before. Sections without bytes are left out, and only the first of several of one name can have an "
+        "address.");
     sub->add_option("id", r_.second, "The entry's identifier (with --base)")->type_name("ID");
     sub->add_option("--base", r_.base, "Where the first section goes (decimal, or hex with 0x)")->type_name("ADDRESS");
     sub->add_option("--map", r_.map, "A GNU ld link map ('-': standard input)")->type_name("LINKMAP");
@@ -412,24 +464,25 @@ class Cli {
             "", "STYLE"));
     cacheSize(sub, a2l_.answers.cacheBytes);
 
-    sub = command("stack",
-                  "A stack trace with every frame's function, file and line: gdb's backtrace, a sanitizer's report, "
-                  "glibc's backtrace_symbols or plain addresses, one a line. Frame #0 (the first line of a plain "
-                  "list) is looked up as given; every later frame holds a return address and is looked up less one, "
-                  "except the frame a signal interrupted",
-                  [this] {
-                    const Input input(r_.file);
-                    const Store store(input);
-                    const ListPtr placed = store.placedList();
-                    stack_.json = r_.json;
-                    stack_.name = input.name();
-                    stack_.version = store.version();
-                    stack_.answers.functions = stack_.answers.inlines = true;
-                    stack_.answers.demangle = !mangled_;
-                    const TextInput text(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
-                    return stackCommand(*placed, stack_, text.get(), text.name());
-                  });
+    sub = command(
+        "stack", "Function, file and line of every frame of a stack trace (gdb, sanitizers, glibc, addresses)", [this] {
+          const Input input(r_.file);
+          const Store store(input);
+          const ListPtr placed = store.placedList();
+          stack_.json = r_.json;
+          stack_.name = input.name();
+          stack_.version = store.version();
+          stack_.answers.functions = stack_.answers.inlines = true;
+          stack_.answers.demangle = !mangled_;
+          const TextInput text(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
+          return stackCommand(*placed, stack_, text.get(), text.name());
+        });
     file(sub);
+    sub->footer(
+        "Reads gdb's backtrace, sanitizer reports, glibc's backtrace_symbols or plain addresses, one a line, and "
+        "prints "
+        "each line followed by its frames. Frame #0 (the first line of a plain list) is looked up as given; every "
+        "later frame holds a return address and is looked up less one, except the frame a signal interrupted.");
     sub->add_option("trace", trace_, "The stack trace ('-' or none: standard input)")->type_name("TRACE");
     json(sub);
     sub->add_option("--module", stack_.module,
@@ -569,6 +622,9 @@ class Cli {
       out += ".SS " + c.app->get_name() + "\n.nf\n" + escape(helpOf(c.app)) + ".fi\n";
     }
     out += ".SH EXIT STATUS\n.nf\n" + escape(exitCodeTable()) + ".fi\n";
+    out += ".SH EXAMPLES\n.nf\n" +
+           escape(examplesText("  $ ", [this](const std::string& name) { return find(name) != nullptr; })) + ".fi\n";
+    out += ".SH SEE ALSO\n" + escape(kSeeAlso) + "\n";
     return out;
   }
 
