@@ -8,21 +8,29 @@
 #include <utility>
 #include <vector>
 
-#include "commands.h"
 #include "files.h"
 #include "store.h"
 #include "tool.h"
 
 namespace kelodbg {
 
+// Seconds a change waits for a file that another change has locked.
+constexpr double kDefaultWait = 10;
+
+// The file a command changes in place, and how.
+struct ChangeTarget {
+  std::string file;
+  double wait = kDefaultWait;  // --wait
+  bool dropUnread = false;     // --drop-unread: the change may drop what reading drops
+};
+
 // The file a change reads: locked, indexed, and refused when it holds what
 // reading drops (unless --drop-unread).
 struct Changed {
   Output out;
   Store store;
-  Changed(const Request& r, const std::string& file)
-      : out(Output::change(file, r.wait)), store(out.lockedFile(), file) {
-    if (!r.dropUnread) refuseDrops(store.report(), file);
+  explicit Changed(const ChangeTarget& t) : out(Output::change(t.file, t.wait)), store(out.lockedFile(), t.file) {
+    if (!t.dropUnread) refuseDrops(store.report(), t.file);
   }
 };
 

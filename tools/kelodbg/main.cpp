@@ -17,8 +17,11 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "commands.h"
+#include "change_commands.h"
+#include "check_command.h"
 #include "files.h"
+#include "inspect_commands.h"
+#include "place_command.h"
 #include "store.h"
 #include "text.h"
 #include "tool.h"
@@ -219,7 +222,7 @@ class Cli {
       return static_cast<int>(Exit::kUsage);
     }
     setMaxInput(maxInput_);
-    jsonRequested = r_.json;
+    for (const bool* flag : jsonFlags_) jsonRequested = jsonRequested || *flag;
 #if defined(KELODBG_WITH_SYMBOLIZE)
     a2l_.answers.demangle = !demangleStyle_.empty();
     a2l_.json = outputStyle_ == "JSON";
@@ -240,11 +243,11 @@ class Cli {
   }
 
   // A command that returns nothing succeeds when it returns.
-  CLI::App* command(const char* name, const char* description, std::function<void(const Request&)> run) {
-    return command(name, description, [this, run] {
-      run(r_);
-      return 0;
-    });
+  CLI::App* action(const char* name, const char* description, std::function<void()> run) {
+    return command(name, description, std::function<int()>([run] {
+                     run();
+                     return 0;
+                   }));
   }
 
   CLI::App* find(const std::string& name) {
@@ -262,17 +265,17 @@ class Cli {
         ->transform(sizeValidator(1, uint64_t{1} << 50));
   }
 
-  void file(CLI::App* sub, const char* what = "The debug-info file") {
-    sub->add_option("file", r_.file, what)->type_name("FILE")->required();
+  void file(CLI::App* sub, std::string& target, const char* what = "The debug-info file") {
+    sub->add_option("file", target, what)->type_name("FILE")->required();
   }
-  void wait(CLI::App* sub) {
-    sub->add_option("-w,--wait", r_.wait, "Seconds to wait for a file that another change has locked (default 10)")
+  void wait(CLI::App* sub, double& seconds) {
+    sub->add_option("-w,--wait", seconds, "Seconds to wait for a file that another change has locked (default 10)")
         ->type_name("SECONDS")
         ->check(CLI::Validator(
             [](std::string& text) -> std::string {
               char* end = nullptr;
-              const double seconds = std::strtod(text.c_str(), &end);
-              if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds < 0 || seconds > kMaxWait) {
+              const double value = std::strtod(text.c_str(), &end);
+              if (text.empty() || *end != '\0' || !std::isfinite(value) || value < 0 || value > kMaxWait) {
                 return fmt::format("'{}' is not a number of seconds from 0 to {}", printable(text),
                                    static_cast<long>(kMaxWait));
               }
@@ -281,16 +284,29 @@ class Cli {
             "", "SECONDS"));
   }
   // Changes refuse files that hold what reading drops, unless told.
-  void drops(CLI::App* sub) {
-    sub->add_flag("--drop-unread", r_.dropUnread,
+  void drops(CLI::App* sub, bool& dropUnread) {
+    sub->add_flag("--drop-unread", dropUnread,
                   "Change a file even when it holds what reading drops (repeated identifiers or sections, trailing "
                   "bytes), which the change then loses");
   }
-  void id(CLI::App* sub) { sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID")->required(); }
-  void kind(CLI::App* sub) {
-    sub->add_option("-k,--kind", r_.kind, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+  // FILE, changed in place: --wait and --drop-unread come with it. The
+  // positional arguments that follow FILE are defined after it.
+  void changed(CLI::App* sub, ChangeTarget& target) { file(sub, target.file); }
+  void changeOptions(CLI::App* sub, ChangeTarget& target) {
+    wait(sub, target.wait);
+    drops(sub, target.dropUnread);
   }
-  void json(CLI::App* sub) { sub->add_flag("--json", r_.json, "Print one JSON document"); }
+  void id(CLI::App* sub, std::string& target) {
+    sub->add_option("id", target, "The entry's identifier")->type_name("ID")->required();
+  }
+  void kind(CLI::App* sub, unsigned& target) {
+    sub->add_option("-k,--kind", target, "The kind of identifiers given without one (default 1)")->type_name("KIND");
+  }
+  // --json; a failure is then a JSON document too.
+  void json(CLI::App* sub, bool& flag) {
+    sub->add_flag("--json", flag, "Print one JSON document");
+    jsonFlags_.push_back(&flag);
+  }
 #if defined(KELODBG_WITH_SYMBOLIZE)
   void cacheSize(CLI::App* sub, size_t& bytes) {
     sub->add_option("--cache-size", bytes,
@@ -302,139 +318,138 @@ class Cli {
 
   void define() {
     CLI::App* sub;
-    sub = command("create", "Create FILE (replacing it) with entries from ELF files", createCommand);
-    file(sub, "The debug-info file to create ('-': standard output)");
-    sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE");
-    kind(sub);
-    wait(sub);
+    sub =
+        action("create", "Create FILE (replacing it) with entries from ELF files", [this] { createCommand(create_); });
+    file(sub, create_.file, "The debug-info file to create ('-': standard output)");
+    sub->add_option("entries", create_.entries, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE");
+    kind(sub, create_.kind);
+    wait(sub, create_.wait);
 
-    sub = command("add", "Add entries from ELF files to FILE", addCommand);
-    file(sub);
-    sub->add_option("entries", r_.args, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE")->required();
-    kind(sub);
-    wait(sub);
-    drops(sub);
+    sub = action("add", "Add entries from ELF files to FILE", [this] { addCommand(add_); });
+    changed(sub, add_.target);
+    sub->add_option("entries", add_.entries, "Store ELF-FILE under ID")->type_name("ID=ELF-FILE")->required();
+    kind(sub, add_.kind);
+    changeOptions(sub, add_.target);
 
-    sub = command("remove", "Remove entries from FILE, all or none", removeCommand);
-    file(sub);
-    sub->add_option("ids", r_.args, "The entries to remove; each must exist")->type_name("ID")->required();
-    wait(sub);
-    drops(sub);
+    sub = action("remove", "Remove entries from FILE, all or none", [this] { removeCommand(remove_); });
+    changed(sub, remove_.target);
+    sub->add_option("ids", remove_.ids, "The entries to remove; each must exist")->type_name("ID")->required();
+    changeOptions(sub, remove_.target);
 
-    sub = command("set-addr", "Record load addresses of sections of one entry, or of many (--from)", setAddrCommand);
-    file(sub);
-    sub->add_option("id", r_.second, "The entry's identifier")->type_name("ID");
-    sub->add_option("addresses", r_.args,
+    sub = action("set-addr", "Record load addresses of sections of one entry, or of many (--from)",
+                 [this] { setAddrCommand(setAddr_); });
+    changed(sub, setAddr_.target);
+    sub->add_option("id", setAddr_.id, "The entry's identifier")->type_name("ID");
+    sub->add_option("addresses", setAddr_.addresses,
                     "SECTION ADDRESS, or any number of SECTION=ADDRESS; sections of the entry's image, .constant "
                     "and .local")
         ->type_name("SECTION=ADDRESS");
-    sub->add_option("--from", r_.from,
+    sub->add_option("--from", setAddr_.from,
                     "Lines 'ID SECTION=ADDRESS...' (# comments; '-' for standard input), all in one rewrite, all or "
                     "none")
         ->type_name("LIST");
-    wait(sub);
-    drops(sub);
+    changeOptions(sub, setAddr_.target);
 
-    sub = command("place", "Record addresses of all allocated sections of entries: from a link map, or from a base",
-                  placeCommand);
-    file(sub);
+    sub = action("place", "Record addresses of all allocated sections of entries: from a link map, or from a base",
+                 [this] { placeCommand(place_); });
+    changed(sub, place_.target);
     sub->footer(
         "With --map, every object that a GNU ld link map (ld -Map) places and whose bytes equal a stored image gets "
         "the address of each of its sections in the map. With ID --base, one entry is laid out from ADDRESS as a "
         "loader would: in section header order, each section at the next multiple of its alignment after the one "
         "before. Sections without bytes are left out, and only the first of several of one name can have an "
         "address.");
-    sub->add_option("id", r_.second, "The entry's identifier (with --base)")->type_name("ID");
-    sub->add_option("--base", r_.base, "Where the first section goes (decimal, or hex with 0x)")->type_name("ADDRESS");
-    sub->add_option("--map", r_.map, "A GNU ld link map ('-': standard input)")->type_name("LINKMAP");
-    wait(sub);
-    drops(sub);
+    sub->add_option("id", place_.id, "The entry's identifier (with --base)")->type_name("ID");
+    sub->add_option("--base", place_.base, "Where the first section goes (decimal, or hex with 0x)")
+        ->type_name("ADDRESS");
+    sub->add_option("--map", place_.map, "A GNU ld link map ('-': standard input)")->type_name("LINKMAP");
+    changeOptions(sub, place_.target);
 
-    sub = command("unset-addr", "Forget recorded load addresses of sections of one entry", unsetAddrCommand);
-    file(sub);
-    id(sub);
-    sub->add_option("sections", r_.args, "Sections that have an address")->type_name("SECTION")->required();
-    wait(sub);
-    drops(sub);
+    sub = action("unset-addr", "Forget recorded load addresses of sections of one entry",
+                 [this] { unsetAddrCommand(unsetAddr_); });
+    changed(sub, unsetAddr_.target);
+    id(sub, unsetAddr_.id);
+    sub->add_option("sections", unsetAddr_.sections, "Sections that have an address")->type_name("SECTION")->required();
+    changeOptions(sub, unsetAddr_.target);
 
-    sub = command("renumber", "Give entries new identifiers, all at once or none (alias: rename)", renumberCommand);
+    sub = action("renumber", "Give entries new identifiers, all at once or none (alias: rename)",
+                 [this] { renumberCommand(renumber_); });
     sub->alias("rename");
-    file(sub);
-    sub->add_option("renumberings", r_.args, "The entry OLD gets the identifier NEW; exchanges and chains work")
+    changed(sub, renumber_.target);
+    sub->add_option("renumberings", renumber_.renumberings,
+                    "The entry OLD gets the identifier NEW; exchanges and chains work")
         ->type_name("OLD=NEW")
         ->required();
-    wait(sub);
-    drops(sub);
+    changeOptions(sub, renumber_.target);
 
-    sub = command("merge",
-                  "Write the entries of all INPUT files to OUTPUT, or --into FILE; refused on a shared identifier",
-                  [this] {
-                    if (r_.into.empty()) {
-                      if (r_.args.size() < 2) fail(Exit::kUsage, {}, "merge needs OUTPUT and at least one INPUT");
-                      r_.file = r_.args.front();
-                      r_.args.erase(r_.args.begin());
-                    }
-                    mergeCommand(r_);
-                    return 0;
-                  });
-    sub->add_option("files", r_.args, "OUTPUT ('-': standard output) and the INPUT files ('-': standard input)")
+    sub = action("merge",
+                 "Write the entries of all INPUT files to OUTPUT, or --into FILE; refused on a shared identifier",
+                 [this] {
+                   if (merge_.into.empty()) {
+                     if (merge_.inputs.size() < 2) fail(Exit::kUsage, {}, "merge needs OUTPUT and at least one INPUT");
+                     merge_.output = merge_.inputs.front();
+                     merge_.inputs.erase(merge_.inputs.begin());
+                   }
+                   mergeCommand(merge_);
+                 });
+    sub->add_option("files", merge_.inputs, "OUTPUT ('-': standard output) and the INPUT files ('-': standard input)")
         ->type_name("[OUTPUT] INPUT")
         ->required();
-    sub->add_option("--into", r_.into, "Merge the INPUT files into FILE, in place")->type_name("FILE");
-    wait(sub);
-    drops(sub);
+    sub->add_option("--into", merge_.into, "Merge the INPUT files into FILE, in place")->type_name("FILE");
+    wait(sub, merge_.wait);
+    drops(sub, merge_.dropUnread);
 
-    sub = command("list", "List the entries of FILE, sorted by identifier", listCommand);
-    file(sub);
-    json(sub);
+    sub = action("list", "List the entries of FILE, sorted by identifier", [this] { listCommand(list_); });
+    file(sub, list_.file);
+    json(sub, list_.json);
 
-    sub = command("show", "Show one entry: its image's sections and their addresses", showCommand);
-    file(sub);
-    id(sub);
-    json(sub);
+    sub = action("show", "Show one entry: its image's sections and their addresses", [this] { showCommand(show_); });
+    file(sub, show_.file);
+    id(sub, show_.id);
+    json(sub, show_.json);
 
-    sub = command("extract", "Write the ELF file stored under one entry", extractCommand);
-    file(sub);
-    id(sub);
-    sub->add_option("-o,--output", r_.output, "The ELF file to write ('-': standard output)")
+    sub = action("extract", "Write the ELF file stored under one entry", [this] { extractCommand(extract_); });
+    file(sub, extract_.file);
+    id(sub, extract_.id);
+    sub->add_option("-o,--output", extract_.output, "The ELF file to write ('-': standard output)")
         ->type_name("FILE")
         ->required();
-    wait(sub);
+    wait(sub, extract_.wait);
 
     sub = command("diff", "Compare two debug-info files entry by entry; exit 0 when equal, 1 when not",
-                  [this] { return diffCommand(r_); });
-    sub->add_option("a", r_.file, "The first file")->type_name("A")->required();
-    sub->add_option("b", r_.second, "The second file")->type_name("B")->required();
-    json(sub);
+                  [this] { return diffCommand(diff_); });
+    sub->add_option("a", diff_.a, "The first file")->type_name("A")->required();
+    sub->add_option("b", diff_.b, "The second file")->type_name("B")->required();
+    json(sub, diff_.json);
 
     sub = command("check", "Check that FILE reads; say what is wrong and where, and warn of what the reader drops",
-                  [this] { return checkCommand(r_); });
-    file(sub);
-    json(sub);
-    sub->add_flag("-q,--quiet", r_.quiet, "Print nothing on success, and no warnings; the exit code tells");
-    sub->add_flag("--strict", r_.strict, "Warnings make the exit code 15");
+                  [this] { return checkCommand(check_); });
+    file(sub, check_.file);
+    json(sub, check_.json);
+    sub->add_flag("-q,--quiet", check_.quiet, "Print nothing on success, and no warnings; the exit code tells");
+    sub->add_flag("--strict", check_.strict, "Warnings make the exit code 15");
 
-    sub = command("version", "Print the version of kelodbg, or of FILE's format", versionCommand);
-    sub->add_option("file", r_.file, "A debug-info file")->type_name("FILE");
-    json(sub);
+    sub = action("version", "Print the version of kelodbg, or of FILE's format", [this] { versionCommand(version_); });
+    sub->add_option("file", version_.file, "A debug-info file")->type_name("FILE");
+    json(sub, version_.json);
 
 #if defined(KELODBG_WITH_SYMBOLIZE)
     sub = command("addr2line", "Function, file and line of run-time addresses, as binutils addr2line prints them",
                   [this] {
                     // binutils' habit: -e FILE, the addresses after it.
                     if (!exe_.empty()) {
-                      if (!r_.file.empty()) r_.args.insert(r_.args.begin(), r_.file);
-                      r_.file = exe_;
+                      if (!a2lFile_.empty()) a2lAddresses_.insert(a2lAddresses_.begin(), a2lFile_);
+                      a2lFile_ = exe_;
                     }
-                    if (r_.file.empty()) fail(Exit::kUsage, {}, "addr2line needs FILE (or -e FILE)");
-                    checkAddresses(r_.args);
-                    if (r_.args.empty()) claimStandardInput("<stdin> (the addresses)");
-                    const Input input(r_.file);
+                    if (a2lFile_.empty()) fail(Exit::kUsage, {}, "addr2line needs FILE (or -e FILE)");
+                    checkAddresses(a2lAddresses_);
+                    if (a2lAddresses_.empty()) claimStandardInput("<stdin> (the addresses)");
+                    const Input input(a2lFile_);
                     a2l_.module = input.name();
-                    return addr2lineCommand(*Store(input).placedList(), a2l_, r_.args, stdin, stdout);
+                    return addr2lineCommand(*Store(input).placedList(), a2l_, a2lAddresses_, stdin, stdout);
                   });
-    sub->add_option("file", r_.file, "The debug-info file")->type_name("FILE");
-    sub->add_option("addresses", r_.args, "Hex addresses; one a line from standard input when none are given")
+    sub->add_option("file", a2lFile_, "The debug-info file")->type_name("FILE");
+    sub->add_option("addresses", a2lAddresses_, "Hex addresses; one a line from standard input when none are given")
         ->type_name("ADDRESS");
     sub->add_option("-e,--exe", exe_, "The debug-info file (as binutils addr2line takes its program)")
         ->type_name("FILE");
@@ -466,10 +481,9 @@ class Cli {
 
     sub = command(
         "stack", "Function, file and line of every frame of a stack trace (gdb, sanitizers, glibc, addresses)", [this] {
-          const Input input(r_.file);
+          const Input input(stackFile_);
           const Store store(input);
           const ListPtr placed = store.placedList();
-          stack_.json = r_.json;
           stack_.name = input.name();
           stack_.version = store.version();
           stack_.answers.functions = stack_.answers.inlines = true;
@@ -477,14 +491,14 @@ class Cli {
           const TextInput text(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
           return stackCommand(*placed, stack_, text.get(), text.name());
         });
-    file(sub);
+    file(sub, stackFile_);
     sub->footer(
         "Reads gdb's backtrace, sanitizer reports, glibc's backtrace_symbols or plain addresses, one a line, and "
         "prints "
         "each line followed by its frames. Frame #0 (the first line of a plain list) is looked up as given; every "
         "later frame holds a return address and is looked up less one, except the frame a signal interrupted.");
     sub->add_option("trace", trace_, "The stack trace ('-' or none: standard input)")->type_name("TRACE");
-    json(sub);
+    json(sub, stack_.json);
     sub->add_option("--module", stack_.module,
                     "Look up only the frames of this program or library (a path, or a file name), by their offset "
                     "in it as sanitizers and glibc print it (\"(MODULE+0xOFFSET)\"): for a store placed at the "
@@ -497,7 +511,7 @@ class Cli {
     cacheSize(sub, stack_.answers.cacheBytes);
 
     sub = command("map", "The address map: every placed section of every entry, sorted by address", [this] {
-      const Input input(r_.file);
+      const Input input(mapFile_);
       const Store store(input);
       const ListPtr placed = store.placedList();
       for (const IndexedEntry* e : store.entries()) {
@@ -507,10 +521,10 @@ class Cli {
           complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(input.name()), escapeControls(w)));
         }
       }
-      return mapCommand(*placed, input.name(), store.version(), r_.json);
+      return mapCommand(*placed, input.name(), store.version(), mapJson_);
     });
-    file(sub);
-    json(sub);
+    file(sub, mapFile_);
+    json(sub, mapJson_);
 #endif
 
     sub = command("help", "Show the help of kelodbg or of one command", [this] { return help(); });
@@ -667,13 +681,33 @@ class Cli {
   }
 
   CLI::App app_;
-  Request r_;
+  // Each command's options, filled by the parser.
+  CreateOptions create_;
+  AddOptions add_;
+  RemoveOptions remove_;
+  SetAddrOptions setAddr_;
+  PlaceOptions place_;
+  UnsetAddrOptions unsetAddr_;
+  RenumberOptions renumber_;
+  MergeOptions merge_;
+  ListOptions list_;
+  ShowOptions show_;
+  ExtractOptions extract_;
+  DiffOptions diff_;
+  CheckOptions check_;
+  VersionOptions version_;
+  std::vector<const bool*> jsonFlags_;  // every command's --json
 #if defined(KELODBG_WITH_SYMBOLIZE)
   Addr2lineOptions a2l_;
+  std::string a2lFile_;
+  std::vector<std::string> a2lAddresses_;
   std::string exe_;            // addr2line -e FILE
   std::string demangleStyle_;  // addr2line -C[=STYLE]: empty when not asked
   std::string outputStyle_ = "GNU";
   StackOptions stack_;
+  std::string stackFile_;
+  std::string mapFile_;
+  bool mapJson_ = false;
   std::string trace_;     // stack TRACE
   bool mangled_ = false;  // stack --mangled
 #endif

@@ -16,7 +16,7 @@
 #include <fmt/format.h>
 
 #include "changes.h"
-#include "commands.h"
+#include "place_command.h"
 #include "text.h"
 
 namespace kelodbg {
@@ -222,13 +222,13 @@ std::string listed(const std::vector<std::string>& names) {
   return out;
 }
 
-void placeFromMap(const Request& r) {
-  const TextInput text(r.map, "<stdin> (the link map)");
+void placeFromMap(const PlaceOptions& o) {
+  const TextInput text(o.map, "<stdin> (the link map)");
   const LinkMap map = readLinkMap(text.get(), text.name());
-  const size_t slash = r.map.rfind('/');
-  const std::string mapDir = slash == std::string::npos ? std::string() : r.map.substr(0, slash);
+  const size_t slash = o.map.rfind('/');
+  const std::string mapDir = slash == std::string::npos ? std::string() : o.map.substr(0, slash);
 
-  Changed c(r, r.file);
+  Changed c(o.target);
   std::vector<PlannedEntry> plan = c.store.plan();
   std::multimap<uint32_t, const IndexedEntry*> bySize;
   for (const IndexedEntry* e : c.store.entries()) bySize.emplace(e->imageSize, e);
@@ -249,7 +249,7 @@ void placeFromMap(const Request& r) {
     for (auto it = same.first; it != same.second; ++it) {
       const IndexedEntry& entry = *it->second;
       if (!c.store.view().readImage(entry, stored)) {
-        fail(Exit::kFileIo, r.file,
+        fail(Exit::kFileIo, o.target.file,
              fmt::format("cannot read entry {}: {}", format(Id::of(entry.id)), std::strerror(errno)));
       }
       if (stored != bytes) continue;
@@ -294,7 +294,7 @@ void placeFromMap(const Request& r) {
         report.push_back(fmt::format("{}  {}  nothing placed", format(id), printable(object)));
         continue;
       }
-      recordAddresses(c, plan, id, pairs, r.file);
+      recordAddresses(c, plan, id, pairs, o.target.file);
       ++placedEntries;
       placedSections += pairs.size();
       report.push_back(fmt::format("{}  {}  {} section{} placed{}", format(id), printable(object), pairs.size(),
@@ -304,7 +304,7 @@ void placeFromMap(const Request& r) {
     if (!found) notStored.push_back(printable(object));
   }
   if (placedEntries == 0) {
-    fail(Exit::kAbsentId, r.file,
+    fail(Exit::kAbsentId, o.target.file,
          fmt::format("no object of {} is stored in the file ({} objects in the map{})", printable(text.name()),
                      map.objects.size(), unreadable.empty() ? "" : ", some unreadable: " + listed(unreadable)));
   }
@@ -315,7 +315,7 @@ void placeFromMap(const Request& r) {
   if (!notStored.empty()) out += fmt::format("not stored: {} objects ({})\n", notStored.size(), listed(notStored));
   print(out);
   for (const std::string& w : warnings) {
-    complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(r.file), escapeControls(w)));
+    complain(fmt::format("kelodbg: {}: warning: {}\n", escapeControls(o.target.file), escapeControls(w)));
   }
   if (!unreadable.empty()) {
     complain(fmt::format("kelodbg: {}: warning: {} objects of the map could not be read: {}\n",
@@ -326,16 +326,15 @@ void placeFromMap(const Request& r) {
 
 }  // namespace
 
-void placeCommand(const Request& r) {
-  if (!r.map.empty()) {
-    if (!r.second.empty() || !r.base.empty()) fail(Exit::kUsage, {}, "place takes ID --base ADDRESS, or --map LINKMAP");
-    return placeFromMap(r);
+void placeCommand(const PlaceOptions& o) {
+  if (!o.map.empty()) {
+    if (!o.id.empty() || !o.base.empty()) fail(Exit::kUsage, {}, "place takes ID --base ADDRESS, or --map LINKMAP");
+    return placeFromMap(o);
   }
-  if (r.second.empty() || r.base.empty())
-    fail(Exit::kUsage, {}, "place needs ID and --base ADDRESS (or --map LINKMAP)");
-  const Id id = idFrom(r.second);
-  const uint32_t base = addressFrom(r.base);
-  Changed c(r, r.file);
+  if (o.id.empty() || o.base.empty()) fail(Exit::kUsage, {}, "place needs ID and --base ADDRESS (or --map LINKMAP)");
+  const Id id = idFrom(o.id);
+  const uint32_t base = addressFrom(o.base);
+  Changed c(o.target);
   std::vector<PlannedEntry> plan = c.store.plan();
   PlannedEntry& entry = plannedOf(plan, c.store, id);
   const kelo_elf::ELF image = c.store.image(*entry.from);
@@ -346,7 +345,7 @@ void placeCommand(const Request& r) {
     const uint64_t align = h.addralign > 1 ? h.addralign : 1;
     const uint64_t at = (cursor + align - 1) / align * align;
     if (at + h.size - 1 > UINT32_MAX || at < cursor) {
-      fail(Exit::kUsage, r.file,
+      fail(Exit::kUsage, o.target.file,
            fmt::format("entry {} does not fit below 4 GiB from 0x{:08x} (section {})", format(id), base,
                        quoted(h.name)));
     }
@@ -354,14 +353,14 @@ void placeCommand(const Request& r) {
     const bool taken = std::any_of(pairs.begin(), pairs.end(), [&h](const auto& p) { return p.first == h.name; });
     if (taken) {
       complain(fmt::format("kelodbg: {}: warning: entry {} has several sections {}; only the first has an address\n",
-                           escapeControls(r.file), format(id), quoted(h.name)));
+                           escapeControls(o.target.file), format(id), quoted(h.name)));
       continue;
     }
     pairs.emplace_back(h.name, static_cast<uint32_t>(at));
   }
   if (pairs.empty())
-    fail(Exit::kNoSection, r.file, fmt::format("entry {} has no allocated section with bytes", format(id)));
-  recordAddresses(c, plan, id, pairs, r.file);
+    fail(Exit::kNoSection, o.target.file, fmt::format("entry {} has no allocated section with bytes", format(id)));
+  recordAddresses(c, plan, id, pairs, o.target.file);
   for (const auto& p : pairs) print(fmt::format("{}  0x{:08x}\n", printable(p.first), p.second));
   c.out.writeWith([&plan](int fd) { return kelo_store::writePlanned(plan, fd); });
 }
