@@ -85,10 +85,13 @@ std::string llvmCloneSuffixes(const std::string& name) {
   static const std::string kOpen = " [clone ";
   std::string suffixes;
   size_t end = name.size();
-  while (end > 0 && name[end - 1] == ']') {
-    const size_t open = name.rfind(kOpen, end);
+  // Each step takes one " [clone X]" off the end; X holds no bracket.
+  while (end > kOpen.size() && name[end - 1] == ']') {
+    const size_t open = name.rfind(kOpen, end - 1 - kOpen.size());
     if (open == std::string::npos) break;
-    suffixes.insert(0, name, open + kOpen.size(), end - 1 - open - kOpen.size());
+    const size_t from = open + kOpen.size();
+    if (name.find_first_of("[]", from) != end - 1) break;
+    suffixes.insert(0, name, from, end - 1 - from);
     end = open;
   }
   if (suffixes.empty()) return name;
