@@ -42,9 +42,14 @@ if [[ -n $program ]]; then
   ln -s "$program/prog" crash
 else
   cp "$source"/examples/crash/*.h "$source"/examples/crash/*.cpp .
-  "$cxx" -std=c++17 -g -O2 -c stats.cpp report.cpp main.cpp
-  "$cxx" -o crash stats.o report.o main.o -Wl,-Map=crash.map
-  "$kelodbg" create crash.kdbg 1=main.o 2=stats.o 3=report.o
+  # A part with two clone suffixes, named as GCC names such parts.
+  cat >clones.cpp <<'CPP'
+int part(int x) __asm__("_Z4parti.constprop.0.cold");
+int part(int x) { return x * 3 + 1; }
+CPP
+  "$cxx" -std=c++17 -g -O2 -c stats.cpp report.cpp main.cpp clones.cpp
+  "$cxx" -o crash stats.o report.o main.o clones.o -Wl,-Map=crash.map
+  "$kelodbg" create crash.kdbg 1=main.o 2=stats.o 3=report.o 4=clones.o
   "$kelodbg" place crash.kdbg --map crash.map >/dev/null
 fi
 
