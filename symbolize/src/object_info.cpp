@@ -667,7 +667,15 @@ bool ObjectInfo::indexAllUnits() {
 }
 
 Frame& ObjectInfo::addFrame(Location& loc) {
-  if (framesUsed_ == loc.frames.size()) loc.frames.emplace_back();
+  if (framesUsed_ == loc.frames.size()) {
+    // A frame given back by an earlier answer keeps its strings' room.
+    if (spareFrames_.empty()) {
+      loc.frames.emplace_back();
+    } else {
+      loc.frames.push_back(std::move(spareFrames_.back()));
+      spareFrames_.pop_back();
+    }
+  }
   Frame& frame = loc.frames[framesUsed_++];
   frame.file.clear();
   frame.line = frame.column = frame.discriminator = 0;
@@ -817,6 +825,12 @@ void ObjectInfo::describe(size_t section, uint64_t offset, uint64_t address, Loc
   address_ = address;
   loc.variable.clear();
   describeAny(section, offset, loc);
+  // Frames not used this time are kept for the next answers, so that an
+  // answer with fewer frames than the one before allocates nothing later.
+  while (loc.frames.size() > framesUsed_ && spareFrames_.size() < kSpareFrames) {
+    spareFrames_.push_back(std::move(loc.frames.back()));
+    loc.frames.pop_back();
+  }
   loc.frames.resize(framesUsed_);
 }
 
@@ -826,7 +840,8 @@ void ObjectInfo::describeAny(size_t section, uint64_t offset, Location& loc) {
     const uint64_t low = base_[section] - bias_;
     const uint64_t at = low + offset;
     // The units holding the address, in their order in the file.
-    std::vector<size_t> candidates;
+    std::vector<size_t>& candidates = candidates_;  // reused: no allocation per address
+    candidates.clear();
     auto after = std::upper_bound(unitPieces_.begin(), unitPieces_.end(), at,
                                   [](uint64_t a, const UnitPiece& p) { return a < p.start; });
     for (auto it = after; it != unitPieces_.begin() && (it - 1)->maxEnd > at; --it) {

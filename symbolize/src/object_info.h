@@ -115,9 +115,12 @@ class ObjectInfo {
   size_t unitsIndexed_ = 0;
   std::vector<Variable> variables_;  // every unit's, sorted by address once all are indexed
   std::unordered_map<const std::string*, std::string> demangled_;
-  size_t indexBytes_ = 0;  // what the indexes take, roughly
-  size_t framesUsed_ = 0;  // of the Location being described
-  uint64_t address_ = 0;   // the run-time address being described
+  size_t indexBytes_ = 0;           // what the indexes take, roughly
+  size_t framesUsed_ = 0;           // of the Location being described
+  uint64_t address_ = 0;            // the run-time address being described
+  std::vector<size_t> candidates_;  // units holding the address being described
+  static constexpr size_t kSpareFrames = 64;
+  std::vector<Frame> spareFrames_;  // frames an answer gave back, strings and all
 };
 
 }  // namespace internal
