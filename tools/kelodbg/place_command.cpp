@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 
 #include "changes.h"
+#include "link_map.h"
 #include "place_command.h"
 #include "text.h"
 
@@ -27,57 +28,14 @@ constexpr size_t kMaxMapLine = 64 * 1024;
 
 using Pairs = std::vector<std::pair<std::string, uint32_t>>;
 
-// One input section that a link map places.
-struct MapSection {
-  std::string name;
-  uint64_t address = 0;
-  uint64_t size = 0;
-};
-
-// The input sections of a link map by the object they come from, in the
-// map's order, and the objects in the order the map first names them.
-struct LinkMap {
-  std::vector<std::string> objects;
-  std::map<std::string, std::vector<MapSection>> sections;
-};
-
-std::vector<std::string> words(const std::string& line, size_t most) {
-  std::vector<std::string> out;
-  size_t i = 0;
-  while (out.size() + 1 < most) {
-    i = line.find_first_not_of(" \t", i);
-    if (i == std::string::npos) return out;
-    const size_t end = line.find_first_of(" \t", i);
-    out.push_back(line.substr(i, end == std::string::npos ? std::string::npos : end - i));
-    if (end == std::string::npos) return out;
-    i = end;
-  }
-  i = line.find_first_not_of(" \t", i);
-  if (i != std::string::npos) out.push_back(line.substr(i, line.find_last_not_of(" \t") + 1 - i));
-  return out;
-}
-
-bool hexNumber(const std::string& text, uint64_t& out) {
-  if (text.size() < 3 || text.size() > 18 || text[0] != '0' || text[1] != 'x') return false;
-  out = 0;
-  for (size_t i = 2; i < text.size(); ++i) {
-    const char c = text[i];
-    const int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-    if (digit < 0) return false;
-    out = out * 16 + static_cast<uint64_t>(digit);
-  }
-  return true;
-}
-
 // Reads the memory map part of a GNU ld map (-Map): every input section
 // line " NAME ADDRESS SIZE OBJECT", where a long NAME stands alone on its
 // line and the rest follows on the next. Output sections (at the start of
 // the line), fill, patterns, symbols, and the discarded input sections
 // listed before the memory map are not input sections placed.
 LinkMap readLinkMap(std::FILE* in, const std::string& name) {
-  LinkMap map;
-  bool inMemoryMap = false;
-  std::string line, pending;
+  LinkMapReader reader;
+  std::string line;
   uint64_t number = 0;
   for (;;) {
     line.clear();
@@ -90,41 +48,11 @@ LinkMap readLinkMap(std::FILE* in, const std::string& name) {
     }
     if (c == EOF && line.empty()) break;
     ++number;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (!inMemoryMap) {
-      inMemoryMap = line == "Linker script and memory map";
-      continue;
-    }
-    std::vector<std::string> w;
-    std::string section;
-    if (line.size() > 1 && line[0] == ' ' && line[1] != ' ' && line[1] != '*') {
-      w = words(line, 4);
-      section = w[0];
-      if (w.size() == 1) {
-        pending = section;  // the rest is on the next line
-        continue;
-      }
-      w.erase(w.begin());
-    } else if (!pending.empty() && line.size() > 1 && line[0] == ' ' && line[1] == ' ') {
-      section = pending;
-      w = words(line, 3);
-    }
-    pending.clear();
-    uint64_t address = 0, size = 0;
-    if (section.empty() || section == "COMMON" || w.size() != 3 || !hexNumber(w[0], address) ||
-        !hexNumber(w[1], size) || size == 0) {
-      continue;
-    }
-    auto found = map.sections.find(w[2]);
-    if (found == map.sections.end()) {
-      map.objects.push_back(w[2]);
-      found = map.sections.emplace(w[2], std::vector<MapSection>()).first;
-    }
-    found->second.push_back({section, address, size});
+    reader.line(line);
   }
   if (std::ferror(in)) fail(Exit::kFileIo, name, fmt::format("cannot read: {}", std::strerror(errno)));
-  if (!inMemoryMap) fail(Exit::kUsage, name, "not a GNU ld link map (no \"Linker script and memory map\")");
-  return map;
+  if (!reader.sawMemoryMap()) fail(Exit::kUsage, name, "not a GNU ld link map (no \"Linker script and memory map\")");
+  return reader.take();
 }
 
 bool readAll(int fd, uint64_t at, uint64_t size, std::vector<unsigned char>& out) {
