@@ -82,7 +82,7 @@ best_of() {
 # program's instructions that lie in stored sections (not in the C start
 # files, which are not stored).
 addresses() {
-  "$kelodbg" map "$2" | awk 'NR > 1 { print $1, $2 }' >ranges.txt
+  "$kelodbg" map "$2" 2>/dev/null | awk 'NR > 1 { print $1, $2 }' >ranges.txt
   objdump -d --no-show-raw-insn "$1" | awk '/^ +[0-9a-f]+:/ { sub(":", "", $1); print "0x" $1 }' |
     awk -v n="$3" '
       function hex(s,   i, v) { v = 0; s = tolower(s); sub(/^0x/, "", s)
@@ -229,7 +229,7 @@ g++ -no-pie -o many/prog "${many_objects[@]}" -Wl,-Map,many.map
 "$store" many.map many.kdbg "${many_objects[@]}" >/dev/null
 # Random addresses in the stored code (.text sections), each range as
 # likely as its size.
-"$kelodbg" map many.kdbg | awk 'NR > 1 && $4 ~ /^\.text/ { print $1, $2 }' |
+"$kelodbg" map many.kdbg 2>/dev/null | awk 'NR > 1 && $4 ~ /^\.text/ { print $1, $2 }' |
   awk -v n="$count" '
     function hex(s,   i, v) { v = 0; s = tolower(s); sub(/^0x/, "", s)
       for (i = 1; i <= length(s); i++) v = v * 16 + index("0123456789abcdef", substr(s, i, 1)) - 1; return v }

@@ -28,7 +28,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/symbolize-compare.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
 "$store" "$map" "$work/store.kdbg" "${objects[@]}"
-"$kelodbg" map "$work/store.kdbg" | awk 'NR > 1 { print $1, $2 }' >"$work/stored.txt"
+"$kelodbg" map "$work/store.kdbg" 2>/dev/null | awk 'NR > 1 { print $1, $2 }' >"$work/stored.txt"
 nm --defined-only "${objects[@]}" 2>/dev/null | awk 'NF == 3 { print $3 }' | sort -u >"$work/stored-names.txt"
 nm "$prog" | awk 'NF == 3 { print $3 }' | sort -u | comm -23 - "$work/stored-names.txt" >"$work/foreign.txt"
 

@@ -129,7 +129,7 @@ for cxx in $compilers; do
   mapfile -t objects <"$dir/objects.txt"
   (cd "$dir" && "$store" prog.map "$work/prog.kdbg" "${objects[@]}" >/dev/null)
   prog=$dir/prog
-  "$kelodbg" map "$work/prog.kdbg" | awk 'NR > 1 { print $1, $2 }' |
+  "$kelodbg" map "$work/prog.kdbg" 2>/dev/null | awk 'NR > 1 { print $1, $2 }' |
     awk "$hex"' { print hex($1), hex($2) }' | sort -n -k1,1 >"$work/stored.txt"
 
   # Instructions: twice the sample drawn, those in stored ranges kept.
