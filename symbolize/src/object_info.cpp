@@ -78,6 +78,9 @@ struct ObjectInfo::Unit {
     int32_t node;
   };
   std::vector<Piece> pieces;
+  // The rows' addresses and the pieces' starts on their own: a lookup's
+  // binary search then touches a quarter of the memory, most of it cached.
+  std::vector<uint64_t> rowAddrs, pieceStarts;
 };
 
 // libdw's view of the object: a private copy of its bytes (relocated in
@@ -647,9 +650,14 @@ bool ObjectInfo::indexUnit(Unit& unit) {
   return true;
 }
 
-void ObjectInfo::unitIndexed(const Unit& unit) {
+void ObjectInfo::unitIndexed(Unit& unit) {
+  unit.rowAddrs.reserve(unit.rows.size());
+  for (const Row& r : unit.rows) unit.rowAddrs.push_back(r.addr);
+  unit.pieceStarts.reserve(unit.pieces.size());
+  for (const Unit::Piece& p : unit.pieces) unit.pieceStarts.push_back(p.start);
   indexBytes_ += unit.rows.capacity() * sizeof(Row) + unit.nodes.capacity() * sizeof(Node) +
-                 unit.pieces.capacity() * sizeof(Unit::Piece) + unit.files.capacity() * sizeof(void*);
+                 unit.pieces.capacity() * sizeof(Unit::Piece) + unit.files.capacity() * sizeof(void*) +
+                 (unit.rowAddrs.capacity() + unit.pieceStarts.capacity()) * sizeof(uint64_t);
   if (++unitsIndexed_ < units_.size()) return;
   // Everything libdw could tell is in the indexes now.
   std::sort(variables_.begin(), variables_.end(), [](const Variable& a, const Variable& b) {
@@ -717,14 +725,17 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // Only a row of the section's own sequences gives a line: the row before
   // the address must lie in the section and not end a sequence.
   const Row* row = nullptr;
-  auto rowAfter =
-      std::upper_bound(unit.rows.begin(), unit.rows.end(), at, [](uint64_t a, const Row& r) { return a < r.addr; });
-  if (rowAfter != unit.rows.begin() && !(rowAfter - 1)->end && (rowAfter - 1)->addr >= low) row = &*(rowAfter - 1);
+  const size_t rowsBefore = static_cast<size_t>(
+      std::upper_bound(unit.rowAddrs.begin(), unit.rowAddrs.end(), at) - unit.rowAddrs.begin());
+  if (rowsBefore > 0) {
+    const Row& before = unit.rows[rowsBefore - 1];
+    if (!before.end && before.addr >= low) row = &before;
+  }
 
   int32_t node = -1;
-  auto pieceAfter = std::upper_bound(unit.pieces.begin(), unit.pieces.end(), at,
-                                     [](uint64_t a, const Unit::Piece& p) { return a < p.start; });
-  if (pieceAfter != unit.pieces.begin()) node = (pieceAfter - 1)->node;
+  const size_t piecesBefore = static_cast<size_t>(
+      std::upper_bound(unit.pieceStarts.begin(), unit.pieceStarts.end(), at) - unit.pieceStarts.begin());
+  if (piecesBefore > 0) node = unit.pieces[piecesBefore - 1].node;
   if (row == nullptr && node < 0) return false;
 
   // Innermost first: the function at the address, then each inlined

@@ -73,7 +73,7 @@ class ObjectInfo {
   void listUnits(Dwarf* dwarf);
   bool indexUnit(Unit& unit);
   bool indexAllUnits();
-  void unitIndexed(const Unit& unit);
+  void unitIndexed(Unit& unit);
   bool describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t section, uint64_t offset, Location& loc);
   bool describeVariable(uint64_t at, size_t section, uint64_t offset, Location& loc);
   void describeSymbol(size_t section, uint64_t offset, Location& loc);
