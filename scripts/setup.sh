@@ -9,6 +9,8 @@ packages=(
   libelf-dev libdw-dev libabsl-dev libiberty-dev zlib1g-dev
   libgtest-dev libbenchmark-dev
   libcli11-dev libfmt-dev libcereal-dev
+  # kelodbg serve, and what its tests talk to it with.
+  libmicrohttpd-dev nlohmann-json3-dev curl haproxy debuginfod
   valgrind clang clang-format
   time
   # llvm-addr2line, and the GoogleTest sources built as the C++ program

@@ -190,7 +190,7 @@ Json framesJson(const Answer& answer, const AnswerOptions& options) {
   };
   const std::vector<Frame>& frames = answer.location.frames;
   if (!answer.placed || frames.empty()) {
-    symbols.push(frameJson(nullptr));
+    if (!options.noEmptyFrame) symbols.push(frameJson(nullptr));
     return symbols;
   }
   const kelo_symbolize::Location& loc = answer.location;

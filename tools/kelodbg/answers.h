@@ -23,6 +23,9 @@ struct AnswerOptions {
   bool demangle = false;   // -C: demangle C++ names
   bool columns = false;    // --column: file:line:column
   bool where = false;      // --where: entry, section, offset, variable
+  // JSON: an address in no stored section has no frames ("Symbol": []),
+  // where LLVM's form has one empty frame.
+  bool noEmptyFrame = false;
   // --cache-size: bytes of decoded debug information kept at once.
   size_t cacheBytes = kelo_symbolize::Options().cacheBytes;
 };

@@ -29,6 +29,9 @@
 #if defined(KELODBG_WITH_SYMBOLIZE)
 #include "symbolize_commands.h"
 #endif
+#if defined(KELODBG_WITH_SERVE)
+#include "serve/serve_command.h"
+#endif
 
 namespace kelodbg {
 namespace {
@@ -527,6 +530,35 @@ class Cli {
     json(sub, mapJson_);
 #endif
 
+#if defined(KELODBG_WITH_SERVE)
+    sub = command("serve", "Answer symbolization requests over HTTP for every debug-info file of DIR",
+                  [this] { return serveCommand(serve_); });
+    sub->footer(
+        "Endpoints: POST /v1/symbolize {\"store\": NAME, \"addresses\": [\"0x...\"], \"inline\": true, "
+        "\"demangle\": true}; GET /v1/stores; GET /v1/stores/NAME/entries/ID (the stored ELF file); GET "
+        "/buildid/HEX/debuginfo (the image with that GNU build id); GET /health; GET /metrics (Prometheus). A "
+        "store is a file NAME.kdbg of DIR; files that change are answered from within a second, and SIGHUP "
+        "rescans at once. SIGTERM stops accepting, finishes what is in flight and exits 0.");
+    sub->add_option("dir", serve_.dir, "The folder of debug-info files")->type_name("DIR")->required();
+    sub->add_option("--listen", serve_.listen, "Where to listen (default 127.0.0.1:7070; port 0: any)")
+        ->type_name("ADDRESS:PORT");
+    sub->add_option("--threads", serve_.threads, "Threads that answer requests (default 4)")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 256u));
+    cacheSize(sub, serve_.cacheBytes);
+    sub->add_option("--max-body", serve_.limits.maxBody, "Bytes of a request body at most (default 1M): 413 above")
+        ->type_name("SIZE")
+        ->transform(sizeValidator(1024, uint64_t{1} << 30));
+    sub->add_option("--max-addresses", serve_.limits.maxAddresses,
+                    "Addresses of one symbolize request at most (default 10000): 413 above")
+        ->type_name("N")
+        ->check(CLI::Range(size_t{1}, size_t{10000000}));
+    sub->add_option("--timeout", serve_.timeout,
+                    "Seconds a connection may stay idle or send slowly before it is cut off (default 10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 3600u));
+#endif
+
     sub = command("help", "Show the help of kelodbg or of one command", [this] { return help(); });
     sub->add_option("command", helpTopic_, "A command")->type_name("COMMAND");
     sub->add_flag("--man", helpMan_, "Print a manual page")->group("");
@@ -705,6 +737,9 @@ class Cli {
   std::string demangleStyle_;  // addr2line -C[=STYLE]: empty when not asked
   std::string outputStyle_ = "GNU";
   StackOptions stack_;
+#if defined(KELODBG_WITH_SERVE)
+  ServeOptions serve_;
+#endif
   std::string stackFile_;
   std::string mapFile_;
   bool mapJson_ = false;

@@ -1,0 +1,203 @@
+// The HTTP side of `kelodbg serve`, on libmicrohttpd: a pool of threads
+// accepts and answers connections; the main thread waits for signals and
+// rescans the folder.
+#include "serve_command.h"
+
+#include <arpa/inet.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include <fmt/format.h>
+
+#include "../text.h"
+#include "../tool.h"
+
+namespace kelodbg {
+namespace {
+
+using serve::HttpRequest;
+using serve::HttpResponse;
+using Clock = std::chrono::steady_clock;
+
+// One line on standard error per event, whole, whichever thread writes it.
+class Log {
+ public:
+  void operator()(const std::string& line) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    char when[32];
+    const std::time_t now = std::time(nullptr);
+    std::tm tm;
+    gmtime_r(&now, &tm);
+    std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    complain(fmt::format("{} kelodbg serve: {}\n", when, line));
+  }
+
+ private:
+  std::mutex mutex_;
+};
+
+struct Server {
+  serve::Service* service;
+  Log* log;
+};
+
+// What one connection's request has gathered so far.
+struct Pending {
+  Clock::time_point start = Clock::now();
+  std::string body;
+  bool tooLarge = false;
+};
+
+MHD_Result send(MHD_Connection* connection, const HttpResponse& r, bool head) {
+  MHD_Response* response = MHD_create_response_from_buffer(head ? 0 : r.body.size(), const_cast<char*>(r.body.data()),
+                                                           MHD_RESPMEM_MUST_COPY);
+  if (response == nullptr) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, r.contentType.c_str());
+  for (const auto& h : r.headers) MHD_add_response_header(response, h.first.c_str(), h.second.c_str());
+  const MHD_Result queued = MHD_queue_response(connection, static_cast<unsigned>(r.status), response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+MHD_Result answer(void* context, MHD_Connection* connection, const char* url, const char* method, const char*,
+                  const char* uploadData, size_t* uploadSize, void** state) {
+  Server& server = *static_cast<Server*>(context);
+  serve::Service& service = *server.service;
+  auto* pending = static_cast<Pending*>(*state);
+  if (pending == nullptr) {
+    pending = new Pending;
+    *state = pending;
+    // A body announced as too large is refused before it is read.
+    const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if (length != nullptr && std::strtoull(length, nullptr, 10) > service.limits().maxBody) pending->tooLarge = true;
+    if (!pending->tooLarge) return MHD_YES;
+  }
+  if (*uploadSize != 0) {
+    if (pending->body.size() + *uploadSize > service.limits().maxBody) pending->tooLarge = true;
+    if (!pending->tooLarge) pending->body.append(uploadData, *uploadSize);
+    *uploadSize = 0;
+    return MHD_YES;
+  }
+  HttpResponse response;
+  const std::string path = url != nullptr ? url : "";
+  if (pending->tooLarge) {
+    response = serve::problem(413, fmt::format("the body is larger than {} bytes", service.limits().maxBody));
+  } else {
+    HttpRequest request{method, path, std::move(pending->body)};
+    try {
+      response = service.handle(request);
+    } catch (const std::bad_alloc&) {
+      response = serve::problem(503, "out of memory");
+    } catch (const std::exception& e) {
+      (*server.log)(fmt::format("{} {}: {}", method, escapeControls(path), e.what()));
+      response = serve::problem(500, "internal error");
+    }
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - pending->start).count();
+  service.metrics().request(serve::Service::endpointOf(path), response.status, seconds);
+  return send(connection, response, std::strcmp(method, "HEAD") == 0);
+}
+
+void completed(void*, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
+  delete static_cast<Pending*>(*state);
+  *state = nullptr;
+}
+
+// "ADDRESS:PORT" or "[IPV6]:PORT" as a socket address.
+bool parseListen(const std::string& text, sockaddr_storage& out, socklen_t& length) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon + 1 == text.size()) return false;
+  std::string host = text.substr(0, colon);
+  const std::string port = text.substr(colon + 1);
+  if (port.find_first_not_of("0123456789") != std::string::npos || port.size() > 5) return false;
+  const unsigned long number = std::strtoul(port.c_str(), nullptr, 10);
+  if (number > 65535) return false;
+  std::memset(&out, 0, sizeof out);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&out);
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons(static_cast<uint16_t>(number));
+    length = sizeof *v6;
+    return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &v6->sin6_addr) == 1;
+  }
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&out);
+  v4->sin_family = AF_INET;
+  v4->sin_port = htons(static_cast<uint16_t>(number));
+  length = sizeof *v4;
+  return inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1;
+}
+
+}  // namespace
+
+int serveCommand(const ServeOptions& o) {
+  sockaddr_storage address;
+  socklen_t length = 0;
+  if (!parseListen(o.listen, address, length)) {
+    fail(Exit::kUsage, {},
+         fmt::format("--listen {}: ADDRESS:PORT expected (127.0.0.1:7070, [::1]:7070)", printable(o.listen)));
+  }
+  struct stat st;
+  if (stat(o.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) fail(Exit::kFileIo, o.dir, "not a folder");
+
+  Log log;
+  serve::Catalog catalog(o.dir, o.cacheBytes, [&log](const std::string& line) { log(line); });
+  catalog.refresh();
+  serve::Service service(catalog, o.limits);
+  Server server{&service, &log};
+
+  // Signals are taken by this thread alone: the server's threads, made
+  // below, inherit the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int s : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG |
+                         (address.ss_family == AF_INET6 ? MHD_USE_IPv6 : 0);
+  MHD_Daemon* daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &answer, &server, MHD_OPTION_SOCK_ADDR, &address,
+                                        MHD_OPTION_THREAD_POOL_SIZE, std::max(1u, o.threads),
+                                        MHD_OPTION_CONNECTION_TIMEOUT, o.timeout, MHD_OPTION_NOTIFY_COMPLETED,
+                                        &completed, nullptr, MHD_OPTION_CONNECTION_LIMIT, 1000u, MHD_OPTION_END);
+  if (daemon == nullptr) {
+    fail(Exit::kFileIo, {}, fmt::format("cannot listen on {}: {}", printable(o.listen), std::strerror(errno)));
+  }
+  const MHD_DaemonInfo* bound = MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_BIND_PORT);
+  const std::string host = o.listen.substr(0, o.listen.rfind(':'));
+  log(fmt::format("listening on {}:{}, {} stores from {}", host, bound != nullptr ? bound->port : 0,
+                  catalog.all().size(), escapeControls(o.dir)));
+
+  for (;;) {
+    timespec second{1, 0};
+    const int got = sigtimedwait(&signals, nullptr, &second);
+    if (got == SIGTERM || got == SIGINT) break;
+    if (got == SIGHUP) log("SIGHUP: rescanning");
+    catalog.refresh();
+  }
+  // Stop accepting; answer what is in flight (each connection ends within
+  // the timeout); then stop.
+  log("stopping: no new connections, finishing the requests in flight");
+  const MHD_socket listening = MHD_quiesce_daemon(daemon);
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(o.timeout + 5);
+  while (Clock::now() < deadline) {
+    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_CURRENT_CONNECTIONS);
+    if (info == nullptr || info->num_connections == 0) break;
+    timespec tick{0, 20 * 1000 * 1000};
+    nanosleep(&tick, nullptr);
+  }
+  MHD_stop_daemon(daemon);
+  if (listening != MHD_INVALID_SOCKET) close(listening);
+  log("stopped");
+  return 0;
+}
+
+}  // namespace kelodbg
