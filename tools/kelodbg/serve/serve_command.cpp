@@ -107,6 +107,10 @@ MHD_Result answer(void* context, MHD_Connection* connection, const char* url, co
   return send(connection, response, std::strcmp(method, "HEAD") == 0);
 }
 
+// Paths are taken as sent: a percent escape is never decoded, so that no
+// encoded '/' or ".." reaches a store name (such paths are 404).
+size_t keepEscapes(void*, MHD_Connection*, char* text) { return std::strlen(text); }
+
 void completed(void*, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
   delete static_cast<Pending*>(*state);
   *state = nullptr;
@@ -164,10 +168,10 @@ int serveCommand(const ServeOptions& o) {
 
   const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG |
                          (address.ss_family == AF_INET6 ? MHD_USE_IPv6 : 0);
-  MHD_Daemon* daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &answer, &server, MHD_OPTION_SOCK_ADDR, &address,
-                                        MHD_OPTION_THREAD_POOL_SIZE, std::max(1u, o.threads),
-                                        MHD_OPTION_CONNECTION_TIMEOUT, o.timeout, MHD_OPTION_NOTIFY_COMPLETED,
-                                        &completed, nullptr, MHD_OPTION_CONNECTION_LIMIT, 1000u, MHD_OPTION_END);
+  MHD_Daemon* daemon = MHD_start_daemon(
+      flags, 0, nullptr, nullptr, &answer, &server, MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_THREAD_POOL_SIZE,
+      std::max(1u, o.threads), MHD_OPTION_CONNECTION_TIMEOUT, o.timeout, MHD_OPTION_NOTIFY_COMPLETED, &completed,
+      nullptr, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_CONNECTION_LIMIT, 1000u, MHD_OPTION_END);
   if (daemon == nullptr) {
     fail(Exit::kFileIo, {}, fmt::format("cannot listen on {}: {}", printable(o.listen), std::strerror(errno)));
   }
