@@ -103,7 +103,7 @@ stage_fuzz() {
   local t work log failed=0
   rm -f "$build-fuzz"/crash-*
   log=$(mktemp)
-  for t in elf_differential read_file list_model symbolize text; do
+  for t in elf_differential read_file list_model symbolize text serve; do
     work=$(mktemp -d)
     if ! "$build-fuzz/fuzz/fuzz_$t" -max_total_time="${FUZZ_SECONDS:-20}" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build-fuzz/crash-$t-" "$work" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
