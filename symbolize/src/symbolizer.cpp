@@ -19,16 +19,19 @@ using internal::ObjectInfo;
 
 struct Symbolizer::Impl {
   struct Entry {
-    const kelo_debuginfo::RelocELF* stored = nullptr;
+    const kelo_debuginfo::RelocELF* stored = nullptr;  // null: read from `view` when needed
     DebugInfoID id;
-    std::unique_ptr<ObjectInfo> info;  // while cached
-    size_t cost = 0;                   // what info took when last counted
-    bool reported = false;             // its problem was told
+    const kelo_store::IndexedEntry* indexed = nullptr;  // in `view`
+    std::unique_ptr<kelo_elf::ELF> image;               // read from `view`, while cached
+    std::unique_ptr<ObjectInfo> info;                   // while cached
+    size_t cost = 0;                                    // what info took when last counted
+    bool reported = false;                              // its problem was told
     std::list<size_t>::iterator useSlot;
   };
 
   Options options;
   std::unique_ptr<kelo_debuginfo::DebugInfoList> owned;  // a view's placed entries
+  std::shared_ptr<const kelo_store::View> view;          // images read on demand
   std::vector<Entry> entries;
   AddressMap map;
   std::list<size_t> recentUse;  // entries with loaded info, most recent first
@@ -77,7 +80,15 @@ struct Symbolizer::Impl {
       recentUse.splice(recentUse.begin(), recentUse, entry.useSlot);
       return *entry.info;
     }
-    entry.info = std::make_unique<ObjectInfo>(entry.stored->elf, options.demangle);
+    const kelo_elf::ELF* image = entry.stored != nullptr ? &entry.stored->elf : nullptr;
+    if (image == nullptr) {
+      absl::optional<kelo_elf::ELF> read = view->loadImage(*entry.indexed);
+      // It read when the map was made; a file that fails now answers
+      // nothing from this entry.
+      entry.image = std::make_unique<kelo_elf::ELF>(read ? std::move(*read) : kelo_elf::ELF());
+      image = entry.image.get();
+    }
+    entry.info = std::make_unique<ObjectInfo>(*image, options.demangle);
     recentUse.push_front(index);
     entry.useSlot = recentUse.begin();
     if (!entry.reported && !entry.info->problem().empty() && options.report) {
@@ -102,13 +113,14 @@ struct Symbolizer::Impl {
       loadedBytes -= old.cost;
       old.cost = 0;
       old.info.reset();
+      old.image.reset();
       recentUse.pop_back();
     }
   }
 
   void recount(size_t index) {
     Entry& entry = entries[index];
-    const size_t cost = entry.info->bytes();
+    const size_t cost = entry.info->bytes() + (entry.image ? entry.image->size() : 0);
     loadedBytes = loadedBytes - entry.cost + cost;
     entry.cost = cost;
   }
@@ -140,6 +152,32 @@ Symbolizer::Symbolizer(const kelo_store::View& view, const Options& options) : i
   }
   *this = Symbolizer(*list, options);
   impl_->owned = std::move(list);
+}
+
+Symbolizer::Symbolizer(std::shared_ptr<const kelo_store::View> view, const Options& options)
+    : impl_(std::make_unique<Impl>()) {
+  elf_version(EV_CURRENT);
+  impl_->options = options;
+  impl_->view = std::move(view);
+  bool any64 = false, any32 = false;
+  for (const kelo_store::IndexedEntry* e : impl_->view->entries()) {
+    if (e->sections.empty()) continue;
+    // Read once for its section headers, then let go.
+    absl::optional<kelo_elf::ELF> image = impl_->view->loadImage(*e);
+    if (!image) {
+      if (options.report) options.report(e->id, "its image does not load; left out");
+      continue;
+    }
+    kelo_debuginfo::RelocELF placed(std::move(*image));
+    for (const auto& s : e->sections) placed.sectionAddrs.emplace(s.first, s.second);
+    impl_->addEntry(e->id, placed, any64, any32);
+    if (!impl_->entries.empty() && impl_->entries.back().stored == &placed) {
+      impl_->entries.back().stored = nullptr;
+      impl_->entries.back().indexed = e;
+    }
+  }
+  impl_->addressBits = any32 && !any64 ? 32 : 64;
+  impl_->map.finish();
 }
 
 Symbolizer::~Symbolizer() = default;

@@ -147,6 +147,13 @@ class KELO_EXPORT Symbolizer {
   // the Symbolizer; the view may go. An entry whose image does not load is
   // left out, and Options::report told why. Throws std::bad_alloc.
   explicit Symbolizer(const kelo_store::View& view, const Options& options = Options());
+  // The same, sharing the view, whose images are read when an address
+  // first reaches them and dropped with the rest of an entry's debug
+  // information when the cache needs room: memory stays within
+  // Options::cacheBytes (and the largest entry) whatever the file's size.
+  // Each placed image is read once here, for its section headers. (A view
+  // reads with pread and changes nothing: others may read it meanwhile.)
+  explicit Symbolizer(std::shared_ptr<const kelo_store::View> view, const Options& options = Options());
   ~Symbolizer();
   Symbolizer(Symbolizer&&) noexcept;
   Symbolizer& operator=(Symbolizer&&) noexcept;

@@ -57,8 +57,11 @@ std::string buildIdOf(const kelo_elf::ELF& image) {
 }  // namespace
 
 OpenStore::OpenStore(std::string name, kelo_store::View view, uint64_t size, size_t cacheBytes)
-    : name_(std::move(name)), size_(size), view_(std::move(view)), cacheBytes_(cacheBytes) {
-  const kelo_store::Report& r = view_.report();
+    : name_(std::move(name)),
+      size_(size),
+      view_(std::make_shared<const kelo_store::View>(std::move(view))),
+      cacheBytes_(cacheBytes) {
+  const kelo_store::Report& r = view_->report();
   if (r.major) version_ = fmt::format("{}.{}.{}", *r.major, *r.minor, *r.patch);
 }
 
@@ -76,16 +79,16 @@ bool OpenStore::withSymbolizer(const std::function<void(kelo_symbolize::Symboliz
 }
 
 bool OpenStore::imageOf(const kelo_elf::DebugInfoID& id, std::vector<unsigned char>& out) const {
-  const kelo_store::IndexedEntry* entry = view_.find(id);
-  return entry != nullptr && view_.readImage(*entry, out);
+  const kelo_store::IndexedEntry* entry = view_->find(id);
+  return entry != nullptr && view_->readImage(*entry, out);
 }
 
 absl::optional<kelo_elf::DebugInfoID> OpenStore::findBuildId(const std::string& hex) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!buildIdsRead_) {
     buildIdsRead_ = true;
-    for (const kelo_store::IndexedEntry* e : view_.entries()) {
-      absl::optional<kelo_elf::ELF> image = view_.loadImage(*e);
+    for (const kelo_store::IndexedEntry* e : view_->entries()) {
+      absl::optional<kelo_elf::ELF> image = view_->loadImage(*e);
       if (!image) continue;
       const std::string id = buildIdOf(*image);
       if (!id.empty()) buildIds_.emplace(id, e->id);

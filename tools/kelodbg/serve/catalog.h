@@ -30,7 +30,7 @@ class OpenStore {
 
   const std::string& name() const { return name_; }
   const std::string& version() const { return version_; }
-  size_t entries() const { return view_.entries().size(); }
+  size_t entries() const { return view_->entries().size(); }
   uint64_t size() const { return size_; }
 
   // Runs `work` with the store's symbolizer, one request at a time; true
@@ -48,7 +48,7 @@ class OpenStore {
  private:
   std::string name_, version_;
   uint64_t size_ = 0;
-  kelo_store::View view_;
+  std::shared_ptr<const kelo_store::View> view_;
   size_t cacheBytes_;
   std::mutex mutex_;  // guards everything below
   std::unique_ptr<kelo_symbolize::Symbolizer> symbolizer_;
