@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -332,6 +333,47 @@ TEST(Resolve, AViewAnswersAsItsListAndLeavesOutImagesThatDoNotLoad) {
   EXPECT_TRUE(none.ranges().empty());
   ASSERT_EQ(told.size(), 1u);
   EXPECT_EQ(told[0], "5: its image does not load; left out");
+}
+
+// A Symbolizer sharing a view reads images only when an address reaches
+// them, drops them with the rest of an entry when the cache needs room, and
+// answers as the list does, however often an entry comes and goes.
+TEST(Resolve, ASharedViewReadsImagesOnDemandAndAnswersAfterEviction) {
+  const DebugInfoList list = exampleList();
+  kelo_test::TempDir dir;
+  const std::string name = dir.file("list.kdbg");
+  {
+    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_TRUE(kelo_store::writeList(const_cast<DebugInfoList&>(list), fd));
+    close(fd);
+  }
+  absl::optional<kelo_store::View> view = kelo_store::View::open(name);
+  ASSERT_TRUE(view.has_value());
+  kelo_symbolize::Options tiny;
+  tiny.cacheBytes = 1;  // room for the entry that answered last only
+  Symbolizer fromList(list);
+  Symbolizer lazy(std::make_shared<const kelo_store::View>(std::move(*view)), tiny);
+  EXPECT_EQ(lazy.loadedEntries(), 0u);
+  ASSERT_EQ(lazy.ranges().size(), fromList.ranges().size());
+  ASSERT_GE(lazy.ranges().size(), 2u);
+  for (int round = 0; round < 2; ++round) {
+    for (const kelo_symbolize::Range& r : fromList.ranges()) {
+      for (uint64_t address : {r.start, r.end - 1}) {
+        const absl::optional<Location> want = fromList.resolve(address);
+        const absl::optional<Location> got = lazy.resolve(address);
+        ASSERT_EQ(want.has_value(), got.has_value()) << std::hex << address;
+        if (!want) continue;
+        EXPECT_EQ(got->id, want->id);
+        ASSERT_EQ(got->frames.size(), want->frames.size()) << std::hex << address;
+        for (size_t i = 0; i < want->frames.size(); ++i) {
+          EXPECT_EQ(got->frames[i].function, want->frames[i].function);
+          EXPECT_EQ(got->frames[i].file, want->frames[i].file);
+          EXPECT_EQ(got->frames[i].line, want->frames[i].line);
+        }
+        EXPECT_EQ(lazy.loadedEntries(), 1u);
+      }
+    }
+  }
 }
 
 TEST(Resolve, AReusedLocationHoldsOnlyTheNewAnswer) {
