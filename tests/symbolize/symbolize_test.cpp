@@ -339,12 +339,12 @@ TEST(Resolve, AViewAnswersAsItsListAndLeavesOutImagesThatDoNotLoad) {
 // them, drops them with the rest of an entry when the cache needs room, and
 // answers as the list does, however often an entry comes and goes.
 TEST(Resolve, ASharedViewReadsImagesOnDemandAndAnswersAfterEviction) {
-  const DebugInfoList list = exampleList();
+  DebugInfoList list = exampleList();
   kelo_test::TempDir dir;
   const std::string name = dir.file("list.kdbg");
   {
     const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_TRUE(kelo_store::writeList(const_cast<DebugInfoList&>(list), fd));
+    ASSERT_TRUE(kelo_store::writeList(list, fd));
     close(fd);
   }
   absl::optional<kelo_store::View> view = kelo_store::View::open(name);
