@@ -24,7 +24,7 @@
 #   (d) one `kelodbg addr2line --output-style=JSON -C` process per batch,
 #       50 batches (10) one after the other: addresses per second, and (a)'s
 #       figure over it
-#   (e) 8 clients for 12 s (8 s) while `kelodbg set-addr` moves the .text of
+#   (e) 8 clients for 14 s (12 s) while `kelodbg set-addr` moves the .text of
 #       the store's largest code section away and back, ten times: failed
 #       requests, and how long the server took to answer from each new file
 #       (a probe address in that section is asked for until its answer
@@ -46,9 +46,9 @@ kelodbg=$build/tools/kelodbg/kelodbg
 [[ -x $kelodbg ]] || { echo "missing $kelodbg: build the tool first" >&2; exit 1; }
 cxx=${CXX:-c++}
 if ((quick)); then
-  load_seconds=3 batches=10 replace_seconds=8
+  load_seconds=3 batches=10 replace_seconds=12
 else
-  load_seconds=10 batches=50 replace_seconds=12
+  load_seconds=10 batches=50 replace_seconds=14
 fi
 replacements=10
 
@@ -228,6 +228,7 @@ load=
 grep -q '^requests=' load-replace.txt || die "the load client printed no figures"
 server_alive
 hwm_after_kb=$(awk '/^VmHWM:/ { print $2 }' "/proc/$server/status")
+rss_after_kb=$(awk '/^VmRSS:/ { print $2 }' "/proc/$server/status")
 
 # A graceful stop: SIGTERM, then exit 0 within 10 s.
 kill -TERM "$server"
@@ -244,7 +245,7 @@ server=
 # The table.
 a_rate=$(figure load-8.txt addresses_per_second)
 process_rate=$(awk -v n=$((batches * 100)) -v ms="$process_ms" 'BEGIN { printf "%.0f", n / (ms / 1000) }')
-ratio=$(awk -v a="$a_rate" -v p="$process_rate" 'BEGIN { printf "%.1f", p > 0 ? a / p : 0 }')
+ratio=$(awk -v a="$a_rate" -v p="$process_rate" 'BEGIN { printf "%.1f", (p > 0 ? a / p : 0) }')
 b_p99=$(figure load-16.txt p99_ms)
 e_failed=$(figure load-replace.txt failed)
 verdict() { awk -v v="$1" -v g="$3" -v op="$2" 'BEGIN {
@@ -267,5 +268,5 @@ row "(e) failed while replaced $replacements times" "$e_failed of $(figure load-
 row "    replacements under load / picked up" "$under_load / $picked of $replacements" "" ""
 row "    time to answer from a new file: mean/max" "$((picked ? pickup_sum / picked : 0)) / $pickup_max ms" "" ""
 row "    addresses/s while replaced" "$(figure load-replace.txt addresses_per_second)" "" ""
-row "    server peak RSS after replacements" "$((hwm_after_kb / 1024)) MiB" "" ""
+row "    server RSS after replacements: peak/now" "$((hwm_after_kb / 1024)) / $((rss_after_kb / 1024)) MiB" "" ""
 row "server exit status after SIGTERM" "$stopped" "" ""

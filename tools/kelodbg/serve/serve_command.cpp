@@ -4,6 +4,7 @@
 #include "serve_command.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -152,6 +153,13 @@ int serveCommand(const ServeOptions& o) {
   struct stat st;
   if (stat(o.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) fail(Exit::kFileIo, o.dir, "not a folder");
 
+  // Memory goes back to the system when the caches let go of it: large
+  // blocks (images, inflated sections) are mapped on their own whatever
+  // came before, few arenas are kept, and what is free is trimmed each
+  // second.
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+  mallopt(M_ARENA_MAX, 2);
+
   Log log;
   serve::Catalog catalog(o.dir, o.cacheBytes, [&log](const std::string& line) { log(line); });
   catalog.refresh();
@@ -186,6 +194,7 @@ int serveCommand(const ServeOptions& o) {
     if (got == SIGTERM || got == SIGINT) break;
     if (got == SIGHUP) log("SIGHUP: rescanning");
     catalog.refresh();
+    malloc_trim(0);
   }
   // Stop accepting; answer what is in flight (each connection ends within
   // the timeout); then stop.
