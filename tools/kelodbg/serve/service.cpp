@@ -213,16 +213,18 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
   std::shared_ptr<OpenStore> open = Catalog::validName(name) ? catalog_.find(name) : nullptr;
   if (!open) return problem(404, fmt::format("no store {}", jsonString(name)));
 
-  Json results = Json::array();
+  // Answers are found under the store's lock and written out after it, so
+  // that other requests for the store wait for the lookups alone.
+  std::vector<Answer> answers(values.size());
   const bool built = open->withSymbolizer([&](kelo_symbolize::Symbolizer& symbolizer) {
     const uint64_t mask = symbolizer.addressBits() == 32 ? 0xffffffffu : ~uint64_t{0};
-    Answer answer;
-    for (uint64_t value : values) {
-      answer.address = answer.lookup = value & mask;
-      answer.resolve(symbolizer);
-      results.push(answerJson(answer, options, name));
+    for (size_t i = 0; i < values.size(); ++i) {
+      answers[i].address = answers[i].lookup = values[i] & mask;
+      answers[i].resolve(symbolizer);
     }
   });
+  Json results = Json::array();
+  for (const Answer& answer : answers) results.push(answerJson(answer, options, name));
   metrics_.addresses(values.size());
   metrics_.symbolizerBuilt(built);
   return json(Json::object().set("store", name).set("version", open->version()).set("results", std::move(results)));
