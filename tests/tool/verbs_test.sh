@@ -376,7 +376,7 @@ test_traces() {
 
   expect 0 '' -- "$kelodbg" stack --json t.kdbg gdb.txt
   grep -q '"lookup": "0x1012"' out.txt && grep -q '"returnAddress": true' out.txt &&
-    grep -q '"FunctionName": "util_scale"' out.txt && grep -q '"Section": ".text"' out.txt &&
+    grep -q '"FunctionName":"util_scale"' out.txt && grep -q '"Section":".text"' out.txt &&
     grep -q '"version": "1.1.2"' out.txt || fail "stack --json: $(cat out.txt)"
   [[ $(grep -c '"frame":' out.txt) == 5 ]] || fail "stack --json holds the five frames: $(cat out.txt)"
 

@@ -161,65 +161,102 @@ void appendStackText(const Answer& answer, const AnswerOptions& options, std::st
   }
 }
 
-Json framesJson(const Answer& answer, const AnswerOptions& options) {
-  Json symbols = Json::array();
-  auto frameJson = [&options](const Frame* f) {
-    if (f == nullptr) {
-      return Json::object()
-          .set("Column", 0)
-          .set("Discriminator", 0)
-          .set("FileName", "")
-          .set("FunctionName", "")
-          .set("Line", 0)
-          .set("StartAddress", "")
-          .set("StartFileName", "")
-          .set("StartLine", 0);
-    }
-    std::string file, startFile;
+namespace {
+
+// Writers of the JSON answer, straight into text: the server writes tens of
+// thousands of them a second.
+// `before` (a brace or a comma), then "key":.
+void appendKey(std::string& out, char before, const char* key) {
+  out += before;
+  out += '"';
+  out += key;
+  out += "\":";
+}
+
+void appendFrameJson(std::string& out, const Frame* f, const AnswerOptions& options, const std::string* name,
+                     const std::string* start) {
+  static const std::string kEmpty;
+  std::string file, startFile;
+  if (f != nullptr) {
     appendFile(f->file, options, file);
     appendFile(f->startFile, options, startFile);
-    return Json::object()
-        .set("Column", f->column)
-        .set("Discriminator", f->discriminator)
-        .set("FileName", file)
-        .set("FunctionName", options.demangle ? llvmCloneSuffixes(f->demangled) : f->function)
-        .set("Line", f->line)
-        .set("StartAddress", f->hasStart ? hex(f->startAddress) : std::string())
-        .set("StartFileName", startFile)
-        .set("StartLine", f->startLine);
-  };
-  const std::vector<Frame>& frames = answer.location.frames;
-  if (!answer.placed || frames.empty()) {
-    if (!options.noEmptyFrame) symbols.push(frameJson(nullptr));
-    return symbols;
   }
+  appendKey(out, '{', "Column");
+  appendNumber(out, f != nullptr ? f->column : 0);
+  appendKey(out, ',', "Discriminator");
+  appendNumber(out, f != nullptr ? f->discriminator : 0);
+  appendKey(out, ',', "FileName");
+  appendJsonString(out, file);
+  appendKey(out, ',', "FunctionName");
+  appendJsonString(out, name != nullptr ? *name : kEmpty);
+  appendKey(out, ',', "Line");
+  appendNumber(out, f != nullptr ? f->line : 0);
+  appendKey(out, ',', "StartAddress");
+  appendJsonString(out, start != nullptr ? *start : kEmpty);
+  appendKey(out, ',', "StartFileName");
+  appendJsonString(out, startFile);
+  appendKey(out, ',', "StartLine");
+  appendNumber(out, f != nullptr ? f->startLine : 0);
+  out += '}';
+}
+
+}  // namespace
+
+void appendAnswerJson(std::string& out, const Answer& answer, const AnswerOptions& options, const std::string& module) {
   const kelo_symbolize::Location& loc = answer.location;
-  if (!loc.variable.empty()) {
+  const std::vector<Frame>& frames = loc.frames;
+  appendKey(out, '{', "Address");
+  appendJsonString(out, hex(answer.address));
+  appendKey(out, ',', "ModuleName");
+  appendJsonString(out, module);
+  appendKey(out, ',', "Symbol");
+  out += '[';
+  if (!answer.placed || frames.empty()) {
+    if (!options.noEmptyFrame) appendFrameJson(out, nullptr, options, nullptr, nullptr);
+  } else if (!loc.variable.empty()) {
     // A variable's address is named by the variable, as a symbol table
-    // would; where it was declared is told beside (answerJson).
-    return symbols.push(frameJson(nullptr).set("FunctionName", loc.variable).set("StartAddress", hex(answer.lookup)));
+    // would; where it was declared is told beside.
+    const std::string start = hex(answer.lookup);
+    appendFrameJson(out, nullptr, options, &loc.variable, &start);
+  } else {
+    const size_t shown = options.inlines ? frames.size() : 1;
+    std::string name, start;
+    for (size_t i = 0; i < shown; ++i) {
+      const Frame& f = frames[i];
+      name = options.demangle ? llvmCloneSuffixes(f.demangled) : f.function;
+      start = f.hasStart ? hex(f.startAddress) : std::string();
+      if (i > 0) out += ',';
+      appendFrameJson(out, &f, options, &name, &start);
+    }
   }
-  const size_t shown = options.inlines ? frames.size() : 1;
-  for (size_t i = 0; i < shown; ++i) symbols.push(frameJson(&frames[i]));
-  return symbols;
+  out += ']';
+  if (answer.placed) {
+    appendKey(out, ',', "Entry");
+    appendJsonString(out, entryText(loc.id));
+    appendKey(out, ',', "Section");
+    appendJsonString(out, loc.section);
+    appendKey(out, ',', "Offset");
+    appendJsonString(out, hex(loc.offset));
+    if (!loc.variable.empty() && !frames.empty()) {
+      std::string file;
+      appendFile(frames[0].file, options, file);
+      appendKey(out, ',', "Variable");
+      appendKey(out, '{', "Name");
+      appendJsonString(out, loc.variable);
+      appendKey(out, ',', "DeclFile");
+      appendJsonString(out, file);
+      appendKey(out, ',', "DeclLine");
+      appendNumber(out, frames[0].line);
+      out += '}';
+    }
+  }
+  out += '}';
 }
 
 Json answerJson(const Answer& answer, const AnswerOptions& options, const std::string& module) {
-  Json doc = Json::object()
-                 .set("Address", hex(answer.address))
-                 .set("ModuleName", module)
-                 .set("Symbol", framesJson(answer, options));
-  if (answer.placed) {
-    const kelo_symbolize::Location& loc = answer.location;
-    doc.set("Entry", entryText(loc.id)).set("Section", loc.section).set("Offset", hex(loc.offset));
-    if (!loc.variable.empty() && !loc.frames.empty()) {
-      std::string file;
-      appendFile(loc.frames[0].file, options, file);
-      doc.set("Variable",
-              Json::object().set("Name", loc.variable).set("DeclFile", file).set("DeclLine", loc.frames[0].line));
-    }
-  }
-  return doc;
+  std::string text;
+  appendAnswerJson(text, answer, options, module);
+  return Json::raw(std::move(text));
 }
 
 }  // namespace kelodbg

@@ -53,11 +53,11 @@ void appendStackText(const Answer& answer, const AnswerOptions& options, std::st
 // "Offset"[, "Variable"]}, each frame {"Column", "Discriminator",
 // "FileName", "FunctionName", "Line", "StartAddress", "StartFileName",
 // "StartLine"}, innermost first; an address no section holds has one
-// frame with empty values and no entry. `module` is the file's name.
+// frame with empty values (none with noEmptyFrame) and no entry. `module`
+// is the file's name. Written on one line, without spaces, onto `out`; as
+// a Json value, the same text.
+void appendAnswerJson(std::string& out, const Answer& answer, const AnswerOptions& options, const std::string& module);
 Json answerJson(const Answer& answer, const AnswerOptions& options, const std::string& module);
-
-// The frames alone, as above.
-Json framesJson(const Answer& answer, const AnswerOptions& options);
 
 // The entry's identifier as every listing prints it.
 std::string entryText(const kelo_elf::DebugInfoID& id);

@@ -63,9 +63,21 @@ std::string escapeControls(const std::string& s) {
 
 std::string quoted(const std::string& s) { return "'" + printable(s) + "'"; }
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
+void appendJsonString(std::string& out, const std::string& s) {
+  out += '"';
   for (size_t i = 0; i < s.size();) {
+    // Runs of plain ASCII go in one piece.
+    size_t run = i;
+    while (run < s.size()) {
+      const auto c = static_cast<unsigned char>(s[run]);
+      if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') break;
+      ++run;
+    }
+    if (run > i) {
+      out.append(s, i, run - i);
+      i = run;
+      continue;
+    }
     const auto c = static_cast<unsigned char>(s[i]);
     if (c == '"' || c == '\\') {
       out += '\\';
@@ -76,15 +88,19 @@ std::string jsonString(const std::string& s) {
       out += "\\t", ++i;
     } else if (c < 0x20 || c == 0x7F) {
       out += fmt::format("\\u{:04x}", c), ++i;
-    } else if (c < 0x80) {
-      out += s[i++];
     } else if (const size_t len = utf8Length(s, i)) {
       out.append(s, i, len), i += len;
     } else {
       out += fmt::format("\\udc{:02x}", c), ++i;
     }
   }
-  return out + "\"";
+  out += '"';
+}
+
+std::string jsonString(const std::string& s) {
+  std::string out;
+  appendJsonString(out, s);
+  return out;
 }
 
 Json& Json::set(std::string key, Json value) {
@@ -94,6 +110,7 @@ Json& Json::set(std::string key, Json value) {
       return *this;
     }
   }
+  if (members_.empty()) members_.reserve(8);
   members_.emplace_back(std::move(key), std::move(value));
   return *this;
 }
@@ -116,6 +133,10 @@ std::string Json::line() const {
 }
 
 void Json::writeLine(std::string& out) const {
+  if (kind_ == kString) {
+    appendJsonString(out, text_);
+    return;
+  }
   if (kind_ != kArray && kind_ != kObject) {
     write(out, 0);
     return;
@@ -123,7 +144,10 @@ void Json::writeLine(std::string& out) const {
   out += kind_ == kArray ? '[' : '{';
   for (size_t i = 0; i < members_.size(); ++i) {
     if (i != 0) out += ',';
-    if (kind_ == kObject) out += jsonString(members_[i].first) + ":";
+    if (kind_ == kObject) {
+      appendJsonString(out, members_[i].first);
+      out += ':';
+    }
     members_[i].second.writeLine(out);
   }
   out += kind_ == kArray ? ']' : '}';
@@ -141,7 +165,10 @@ void Json::write(std::string& out, int depth) const {
       out += std::to_string(number_);
       return;
     case kString:
-      out += jsonString(text_);
+      appendJsonString(out, text_);
+      return;
+    case kRaw:
+      out += text_;
       return;
     case kArray:
     case kObject:
@@ -156,7 +183,9 @@ void Json::write(std::string& out, int depth) const {
   }
   // Small containers of plain values stay on one line, inside a document.
   bool flat = depth > 0;
-  for (const auto& m : members_) flat = flat && m.second.kind_ != kArray && m.second.kind_ != kObject;
+  for (const auto& m : members_) {
+    flat = flat && m.second.kind_ != kArray && m.second.kind_ != kObject && m.second.kind_ != kRaw;
+  }
   if (flat) {
     std::string line(1, open);
     for (size_t i = 0; i < members_.size(); ++i) {

@@ -40,6 +40,12 @@ class Json {
 
   static Json object() { return Json(kObject); }
   static Json array() { return Json(kArray); }
+  // JSON text written elsewhere, kept as it is (it must be valid JSON).
+  static Json raw(std::string text) {
+    Json j(kRaw);
+    j.text_ = std::move(text);
+    return j;
+  }
 
   // Adds a member (objects; a key set before gets the new value) or an
   // element (arrays); returns *this.
@@ -51,7 +57,7 @@ class Json {
   std::string line() const;
 
  private:
-  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject };
+  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject, kRaw };
   explicit Json(Kind kind) : kind_(kind) {}
   void write(std::string& out, int depth) const;
   void writeLine(std::string& out) const;
@@ -64,6 +70,7 @@ class Json {
 
 // The JSON string of `s` (quoted), as Json writes it.
 std::string jsonString(const std::string& s);
+void appendJsonString(std::string& out, const std::string& s);
 
 }  // namespace kelodbg
 

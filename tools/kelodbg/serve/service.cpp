@@ -223,11 +223,22 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
       answers[i].resolve(symbolizer);
     }
   });
-  Json results = Json::array();
-  for (const Answer& answer : answers) results.push(answerJson(answer, options, name));
+  HttpResponse r;
+  std::string& out = r.body;
+  out.reserve(answers.size() * 400);
+  out += "{\"store\":";
+  appendJsonString(out, name);
+  out += ",\"version\":";
+  appendJsonString(out, open->version());
+  out += ",\"results\":[";
+  for (size_t i = 0; i < answers.size(); ++i) {
+    if (i > 0) out += ',';
+    appendAnswerJson(out, answers[i], options, name);
+  }
+  out += "]}\n";
   metrics_.addresses(values.size());
   metrics_.symbolizerBuilt(built);
-  return json(Json::object().set("store", name).set("version", open->version()).set("results", std::move(results)));
+  return r;
 }
 
 HttpResponse Service::stores() {
