@@ -21,7 +21,8 @@
 //   max_ms reconnects
 // addresses counts those of successful requests only; the latencies are
 // those of every request that got a complete answer, from the first byte
-// sent to the last byte read. The exit status is 0 whatever the failures
+// sent to the last byte read; reconnects counts the connections each thread
+// opened after its first, for whatever reason. The exit status is 0 whatever the failures
 // (2 on a usage error), so that the caller judges the figures.
 #include <netdb.h>
 #include <netinet/in.h>
@@ -498,8 +499,8 @@ int main(int argc, char** argv) {
       "requests=%llu failed=%llu addresses=%llu seconds=%.3f addresses_per_second=%.0f p50_ms=%.3f p99_ms=%.3f "
       "max_ms=%.3f reconnects=%llu\n",
       static_cast<unsigned long long>(total.requests), static_cast<unsigned long long>(total.failed),
-      static_cast<unsigned long long>(total.addresses), seconds, seconds > 0 ? total.addresses / seconds : 0.0,
-      percentile(total.latencies_ms, 0.50), percentile(total.latencies_ms, 0.99), max_ms,
-      static_cast<unsigned long long>(total.reconnects));
+      static_cast<unsigned long long>(total.addresses), seconds,
+      seconds > 0 ? static_cast<double>(total.addresses) / seconds : 0.0, percentile(total.latencies_ms, 0.50),
+      percentile(total.latencies_ms, 0.99), max_ms, static_cast<unsigned long long>(total.reconnects));
   return 0;
 }

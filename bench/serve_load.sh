@@ -17,7 +17,8 @@
 #
 # Rows (the load client is bench/serve_load.cpp, compiled here; every batch
 # holds 100 addresses, with inline frames and demangled names):
-#   (a) 8 clients for 10 s (3 s with --quick) after one warming request:
+#   (a) 8 clients for 10 s (3 s with --quick) after one warming request
+#       (all 5,000 addresses):
 #       addresses per second, p50 and p99 latency, failed requests
 #   (b) 16 clients as long: p99 latency
 #   (c) the server's peak resident memory (VmHWM) after (a) and (b)
@@ -118,7 +119,10 @@ awk -v n=5000 'BEGIN { srand(20261124) }
 
 # start_server: the server on any free port; sets $server and $port.
 start_server() {
-  "$kelodbg" serve --listen 127.0.0.1:0 stores 2>server.log &
+  # The log exists before the server writes to it, so that reading it
+  # never races the redirection.
+  : >server.log
+  "$kelodbg" serve --listen 127.0.0.1:0 stores 2>>server.log &
   server=$!
   local i
   for ((i = 0; i < 200; i++)); do
@@ -149,8 +153,11 @@ batch_json() {
 
 # run_load CLIENTS SECONDS: the load client's figures into load-CLIENTS.txt.
 run_load() {
-  ./serve_load 127.0.0.1 "$port" prog addresses.txt --clients "$1" --batch 100 --seconds "$2" >"load-$1.txt" ||
-    die "the load client failed"
+  # In the background, so that the cleanup can end it.
+  ./serve_load 127.0.0.1 "$port" prog addresses.txt --clients "$1" --batch 100 --seconds "$2" >"load-$1.txt" &
+  load=$!
+  wait "$load" || die "the load client failed"
+  load=
   grep -q '^requests=' "load-$1.txt" || die "the load client printed no figures"
 }
 
@@ -158,7 +165,9 @@ run_load() {
 figure() { tr ' ' '\n' <"$1" | sed -n "s/^$2=//p"; }
 
 start_server
-head -100 addresses.txt | batch_json >warm.json
+# Warming: one request for every address the clients draw from, so that
+# the timed runs find what they need decoded.
+batch_json <addresses.txt >warm.json
 symbolize "$(cat warm.json)" >/dev/null || die "the warming request failed: $(tail -3 server.log)"
 
 run_load 8 "$load_seconds"

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <ctime>
@@ -49,6 +50,10 @@ class Log {
 struct Server {
   serve::Service* service;
   Log* log;
+  // Requests begun and not yet answered; once stopping, answers close
+  // their connections.
+  std::atomic<unsigned> inFlight{0};
+  std::atomic<bool> stopping{false};
 };
 
 // What one connection's request has gathered so far.
@@ -58,12 +63,13 @@ struct Pending {
   bool tooLarge = false;
 };
 
-MHD_Result send(MHD_Connection* connection, const HttpResponse& r, bool head) {
+MHD_Result send(MHD_Connection* connection, const HttpResponse& r, bool head, bool close) {
   MHD_Response* response = MHD_create_response_from_buffer(head ? 0 : r.body.size(), const_cast<char*>(r.body.data()),
                                                            MHD_RESPMEM_MUST_COPY);
   if (response == nullptr) return MHD_NO;
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, r.contentType.c_str());
   for (const auto& h : r.headers) MHD_add_response_header(response, h.first.c_str(), h.second.c_str());
+  if (close) MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
   const MHD_Result queued = MHD_queue_response(connection, static_cast<unsigned>(r.status), response);
   MHD_destroy_response(response);
   return queued;
@@ -77,6 +83,7 @@ MHD_Result answer(void* context, MHD_Connection* connection, const char* url, co
   if (pending == nullptr) {
     pending = new Pending;
     *state = pending;
+    ++server.inFlight;
     // A body announced as too large is refused before it is read.
     const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
     if (length != nullptr && std::strtoull(length, nullptr, 10) > service.limits().maxBody) pending->tooLarge = true;
@@ -105,16 +112,18 @@ MHD_Result answer(void* context, MHD_Connection* connection, const char* url, co
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - pending->start).count();
   service.metrics().request(serve::Service::endpointOf(path), response.status, seconds);
-  return send(connection, response, std::strcmp(method, "HEAD") == 0);
+  return send(connection, response, std::strcmp(method, "HEAD") == 0, server.stopping);
 }
 
 // Paths are taken as sent: a percent escape is never decoded, so that no
 // encoded '/' or ".." reaches a store name (such paths are 404).
 size_t keepEscapes(void*, MHD_Connection*, char* text) { return std::strlen(text); }
 
-void completed(void*, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
+void completed(void* context, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
+  if (*state == nullptr) return;
   delete static_cast<Pending*>(*state);
   *state = nullptr;
+  --static_cast<Server*>(context)->inFlight;
 }
 
 // "ADDRESS:PORT" or "[IPV6]:PORT" as a socket address.
@@ -164,7 +173,9 @@ int serveCommand(const ServeOptions& o) {
   serve::Catalog catalog(o.dir, o.cacheBytes, [&log](const std::string& line) { log(line); });
   catalog.refresh();
   serve::Service service(catalog, o.limits);
-  Server server{&service, &log};
+  Server server;
+  server.service = &service;
+  server.log = &log;
 
   // Signals are taken by this thread alone: the server's threads, made
   // below, inherit the mask.
@@ -179,7 +190,7 @@ int serveCommand(const ServeOptions& o) {
   MHD_Daemon* daemon = MHD_start_daemon(
       flags, 0, nullptr, nullptr, &answer, &server, MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_THREAD_POOL_SIZE,
       std::max(1u, o.threads), MHD_OPTION_CONNECTION_TIMEOUT, o.timeout, MHD_OPTION_NOTIFY_COMPLETED, &completed,
-      nullptr, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_CONNECTION_LIMIT, 1000u, MHD_OPTION_END);
+      &server, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_CONNECTION_LIMIT, 1000u, MHD_OPTION_END);
   if (daemon == nullptr) {
     fail(Exit::kFileIo, {}, fmt::format("cannot listen on {}: {}", printable(o.listen), std::strerror(errno)));
   }
@@ -196,19 +207,19 @@ int serveCommand(const ServeOptions& o) {
     catalog.refresh();
     malloc_trim(0);
   }
-  // Stop accepting; answer what is in flight (each connection ends within
-  // the timeout); then stop.
+  // Stop accepting (new connections are refused at once), answer the
+  // requests in flight with "Connection: close", then stop: idle
+  // keep-alive connections are closed with the daemon.
   log("stopping: no new connections, finishing the requests in flight");
+  server.stopping = true;
   const MHD_socket listening = MHD_quiesce_daemon(daemon);
+  if (listening != MHD_INVALID_SOCKET) close(listening);
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(o.timeout + 5);
-  while (Clock::now() < deadline) {
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_CURRENT_CONNECTIONS);
-    if (info == nullptr || info->num_connections == 0) break;
-    timespec tick{0, 20 * 1000 * 1000};
+  while (server.inFlight > 0 && Clock::now() < deadline) {
+    timespec tick{0, 10 * 1000 * 1000};
     nanosleep(&tick, nullptr);
   }
   MHD_stop_daemon(daemon);
-  if (listening != MHD_INVALID_SOCKET) close(listening);
   log("stopped");
   return 0;
 }
