@@ -128,6 +128,7 @@ stage_bench() {
   cmake --build "$build-bench" -j "$jobs" --target kelo_bench
   "$build-bench/bench/kelo_bench" --quick
   bash "$root/bench/symbolize_bench.sh" --quick "$build"
+  bash "$root/bench/serve_load.sh" --quick "$build"
 }
 
 # Runs a stage and notes how long it took.
