@@ -164,8 +164,8 @@ int serveCommand(const ServeOptions& o) {
 
   // Memory goes back to the system when the caches let go of it: large
   // blocks (images, inflated sections) are mapped on their own whatever
-  // came before, few arenas are kept, and what is free is trimmed each
-  // second.
+  // came before, few arenas are kept, and what is free is trimmed at
+  // each look at the folder.
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   mallopt(M_ARENA_MAX, 2);
 
@@ -200,8 +200,8 @@ int serveCommand(const ServeOptions& o) {
                   catalog.all().size(), escapeControls(o.dir)));
 
   for (;;) {
-    timespec second{1, 0};
-    const int got = sigtimedwait(&signals, nullptr, &second);
+    timespec half{0, 500 * 1000 * 1000};
+    const int got = sigtimedwait(&signals, nullptr, &half);
     if (got == SIGTERM || got == SIGINT) break;
     if (got == SIGHUP) log("SIGHUP: rescanning");
     catalog.refresh();

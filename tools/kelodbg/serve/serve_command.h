@@ -20,7 +20,7 @@ struct ServeOptions {
 };
 
 // Serves until SIGTERM or SIGINT, then stops accepting, finishes what is in
-// flight and returns 0. Rescans the folder every second and on SIGHUP.
+// flight and returns 0. Rescans the folder twice a second and on SIGHUP.
 int serveCommand(const ServeOptions& o);
 
 }  // namespace kelodbg
