@@ -725,8 +725,8 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // Only a row of the section's own sequences gives a line: the row before
   // the address must lie in the section and not end a sequence.
   const Row* row = nullptr;
-  const size_t rowsBefore = static_cast<size_t>(
-      std::upper_bound(unit.rowAddrs.begin(), unit.rowAddrs.end(), at) - unit.rowAddrs.begin());
+  const size_t rowsBefore =
+      static_cast<size_t>(std::upper_bound(unit.rowAddrs.begin(), unit.rowAddrs.end(), at) - unit.rowAddrs.begin());
   if (rowsBefore > 0) {
     const Row& before = unit.rows[rowsBefore - 1];
     if (!before.end && before.addr >= low) row = &before;
