@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 #include <utility>
@@ -66,16 +67,53 @@ OpenStore::OpenStore(std::string name, kelo_store::View view, uint64_t size, siz
 }
 
 bool OpenStore::withSymbolizer(const std::function<void(kelo_symbolize::Symbolizer&)>& work) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const bool built = !symbolizer_;
-  if (built) {
-    kelo_symbolize::Options options;
-    options.cacheBytes = cacheBytes_;
-    options.demangle = true;
-    symbolizer_ = std::make_unique<kelo_symbolize::Symbolizer>(view_, options);
+  kelo_symbolize::Symbolizer* symbolizer = nullptr;
+  bool make = false;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    idleOne_.wait(lock, [this] { return !idle_.empty() || symbolizers_.size() + making_ < kSymbolizers; });
+    if (!idle_.empty()) {
+      symbolizer = idle_.back();
+      idle_.pop_back();
+    } else {
+      make = true;
+      ++making_;
+    }
   }
-  work(*symbolizer_);
-  return built;
+  if (make) {
+    // Made without the lock: reading the placed images takes a while.
+    std::unique_ptr<kelo_symbolize::Symbolizer> made;
+    try {
+      kelo_symbolize::Options options;
+      options.cacheBytes = std::max<size_t>(cacheBytes_ / kSymbolizers, 1);
+      options.demangle = true;
+      made = std::make_unique<kelo_symbolize::Symbolizer>(view_, options);
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --making_;
+      idleOne_.notify_one();
+      throw;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    --making_;
+    symbolizer = made.get();
+    symbolizers_.push_back(std::move(made));
+  }
+  // Given back whatever happens in `work`.
+  struct GiveBack {
+    OpenStore* store;
+    kelo_symbolize::Symbolizer* symbolizer;
+    ~GiveBack() {
+      {
+        std::lock_guard<std::mutex> lock(store->mutex_);
+        store->cached_[symbolizer] = symbolizer->loadedBytes();
+        store->idle_.push_back(symbolizer);
+      }
+      store->idleOne_.notify_one();
+    }
+  } giveBack{this, symbolizer};
+  work(*symbolizer);
+  return make;
 }
 
 bool OpenStore::imageOf(const kelo_elf::DebugInfoID& id, std::vector<unsigned char>& out) const {
@@ -101,7 +139,9 @@ absl::optional<kelo_elf::DebugInfoID> OpenStore::findBuildId(const std::string& 
 
 size_t OpenStore::cachedBytes() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return symbolizer_ ? symbolizer_->loadedBytes() : 0;
+  size_t total = 0;
+  for (const auto& c : cached_) total += c.second;
+  return total;
 }
 
 Catalog::Catalog(std::string dir, size_t cacheBytes, std::function<void(const std::string&)> log)

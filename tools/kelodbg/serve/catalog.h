@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -33,8 +34,8 @@ class OpenStore {
   size_t entries() const { return view_->entries().size(); }
   uint64_t size() const { return size_; }
 
-  // Runs `work` with the store's symbolizer, one request at a time; true
-  // when the symbolizer had to be made first.
+  // Runs `work` with one of the store's symbolizers, which no other request
+  // uses meanwhile; true when it had to be made first.
   bool withSymbolizer(const std::function<void(kelo_symbolize::Symbolizer&)>& work);
   // The image bytes of an entry; false when there is no such entry (or it
   // does not read).
@@ -50,8 +51,16 @@ class OpenStore {
   uint64_t size_ = 0;
   std::shared_ptr<const kelo_store::View> view_;
   size_t cacheBytes_;
+  // Symbolizers of the store, made on demand: up to kSymbolizers requests
+  // look up addresses in parallel, each symbolizer with its share of the
+  // cache.
+  static constexpr size_t kSymbolizers = 2;
   std::mutex mutex_;  // guards everything below
-  std::unique_ptr<kelo_symbolize::Symbolizer> symbolizer_;
+  std::condition_variable idleOne_;
+  std::vector<std::unique_ptr<kelo_symbolize::Symbolizer>> symbolizers_;
+  std::vector<kelo_symbolize::Symbolizer*> idle_;
+  size_t making_ = 0;                                           // symbolizers being made
+  std::map<const kelo_symbolize::Symbolizer*, size_t> cached_;  // bytes each held when it was last given back
   bool buildIdsRead_ = false;
   std::map<std::string, kelo_elf::DebugInfoID> buildIds_;
 };
