@@ -220,4 +220,6 @@ size_t Symbolizer::loadedEntries() const noexcept { return impl_->recentUse.size
 
 size_t Symbolizer::loadedBytes() const noexcept { return impl_->loadedBytes; }
 
+void Symbolizer::setCacheBytes(size_t bytes) noexcept { impl_->options.cacheBytes = bytes; }
+
 }  // namespace kelo_symbolize

@@ -374,6 +374,13 @@ TEST(Resolve, ASharedViewReadsImagesOnDemandAndAnswersAfterEviction) {
       }
     }
   }
+
+  // A bound lowered later takes effect with the next answer.
+  for (const kelo_symbolize::Range& r : fromList.ranges()) fromList.resolve(r.start);
+  ASSERT_GE(fromList.loadedEntries(), 2u);
+  fromList.setCacheBytes(1);
+  fromList.resolve(fromList.ranges().front().start);
+  EXPECT_EQ(fromList.loadedEntries(), 1u);
 }
 
 TEST(Resolve, AReusedLocationHoldsOnlyTheNewAnswer) {

@@ -188,6 +188,10 @@ class KELO_EXPORT Symbolizer {
   size_t loadedEntries() const noexcept;
   size_t loadedBytes() const noexcept;
 
+  // Changes Options::cacheBytes; a smaller bound takes effect when the next
+  // answer is given (least recently used entries are dropped then).
+  void setCacheBytes(size_t bytes) noexcept;
+
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -85,7 +85,7 @@ bool OpenStore::withSymbolizer(const std::function<void(kelo_symbolize::Symboliz
     std::unique_ptr<kelo_symbolize::Symbolizer> made;
     try {
       kelo_symbolize::Options options;
-      options.cacheBytes = std::max<size_t>(cacheBytes_ / kSymbolizers, 1);
+      options.cacheBytes = std::max<size_t>(cacheBytes_.load() / kSymbolizers, 1);
       options.demangle = true;
       made = std::make_unique<kelo_symbolize::Symbolizer>(view_, options);
     } catch (...) {
@@ -99,6 +99,7 @@ bool OpenStore::withSymbolizer(const std::function<void(kelo_symbolize::Symboliz
     symbolizer = made.get();
     symbolizers_.push_back(std::move(made));
   }
+  symbolizer->setCacheBytes(std::max<size_t>(cacheBytes_ / kSymbolizers, 1));
   // Given back whatever happens in `work`.
   struct GiveBack {
     OpenStore* store;
@@ -216,6 +217,12 @@ void Catalog::refresh() {
     } else {
       ++it;
     }
+  }
+  // One cache for the server, shared equally by the open stores.
+  size_t open = 0;
+  for (const auto& slot : slots_) open += slot.second.store != nullptr;
+  for (auto& slot : slots_) {
+    if (slot.second.store) slot.second.store->setCacheShare(cacheBytes_ / std::max<size_t>(open, 1));
   }
 }
 

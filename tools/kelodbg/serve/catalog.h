@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -43,14 +44,17 @@ class OpenStore {
   // The entry whose image holds the GNU build-id `hex` (lowercase), if one
   // does. The build ids are read on the first call.
   absl::optional<kelo_elf::DebugInfoID> findBuildId(const std::string& hex);
-  // Bytes of debug information the symbolizer holds now.
+  // Bytes of debug information the symbolizers held when last given back.
   size_t cachedBytes();
+  // This store's share of the server's cache, split between its
+  // symbolizers; applied when a symbolizer is next taken.
+  void setCacheShare(size_t bytes) { cacheBytes_ = bytes; }
 
  private:
   std::string name_, version_;
   uint64_t size_ = 0;
   std::shared_ptr<const kelo_store::View> view_;
-  size_t cacheBytes_;
+  std::atomic<size_t> cacheBytes_;
   // Symbolizers of the store, made on demand: up to kSymbolizers requests
   // look up addresses in parallel, each symbolizer with its share of the
   // cache.
@@ -68,6 +72,8 @@ class OpenStore {
 class Catalog {
  public:
   // `log` hears of every store opened, refused or gone (one line each).
+  // `cacheBytes` bounds the decoded debug information of all stores
+  // together: each open store has an equal share.
   Catalog(std::string dir, size_t cacheBytes, std::function<void(const std::string&)> log);
 
   // Looks at the folder again: opens new and changed files (a file whose

@@ -14,7 +14,7 @@ struct ServeOptions {
   std::string dir;
   std::string listen = "127.0.0.1:7070";  // ADDRESS:PORT, [IPV6]:PORT; port 0: any
   unsigned threads = 4;                   // that answer requests
-  size_t cacheBytes = size_t{1} << 30;    // of decoded debug information, per store
+  size_t cacheBytes = size_t{1} << 30;    // of decoded debug information, all stores together
   serve::Limits limits;
   unsigned timeout = 10;  // seconds a connection may stay idle or slow
 };
