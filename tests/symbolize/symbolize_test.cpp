@@ -279,6 +279,14 @@ TEST(Resolve, AnswersFromDwarfRelocatedToTheRecordedAddresses) {
   EXPECT_FALSE(symbolizer.resolve(0x4000));  // an empty section takes no address
 }
 
+// Writes `list` to the file `name`.
+bool writeStore(DebugInfoList& list, const std::string& name) {
+  const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const bool written = kelo_store::writeList(list, fd);
+  return close(fd) == 0 && written;
+}
+
 // A view gives the same map and answers as the list it was written from,
 // and an entry whose image does not load is left out and reported.
 TEST(Resolve, AViewAnswersAsItsListAndLeavesOutImagesThatDoNotLoad) {
@@ -286,11 +294,7 @@ TEST(Resolve, AViewAnswersAsItsListAndLeavesOutImagesThatDoNotLoad) {
   list.add(DebugInfoID(1, 9, 0), example("extra.o"));  // no address: not loaded
   kelo_test::TempDir dir;
   const std::string name = dir.file("list.kdbg");
-  {
-    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_TRUE(kelo_store::writeList(list, fd));
-    close(fd);
-  }
+  ASSERT_TRUE(writeStore(list, name));
   absl::optional<kelo_store::View> view = kelo_store::View::open(name);
   ASSERT_TRUE(view.has_value());
   const Symbolizer fromList(list);
@@ -342,11 +346,7 @@ TEST(Resolve, ASharedViewReadsImagesOnDemandAndAnswersAfterEviction) {
   DebugInfoList list = exampleList();
   kelo_test::TempDir dir;
   const std::string name = dir.file("list.kdbg");
-  {
-    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_TRUE(kelo_store::writeList(list, fd));
-    close(fd);
-  }
+  ASSERT_TRUE(writeStore(list, name));
   absl::optional<kelo_store::View> view = kelo_store::View::open(name);
   ASSERT_TRUE(view.has_value());
   kelo_symbolize::Options tiny;

@@ -82,24 +82,16 @@ std::pair<std::string, uint32_t> parseAddress(const std::string& arg) {
 }
 
 // The lines of a --from LIST: "ID SECTION=ADDRESS...", blank lines and
-// lines starting with # skipped.
+// lines starting with # skipped; a line is at most kMaxListLine bytes.
+constexpr size_t kMaxListLine = 1 << 20;
+
 std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> readAddressList(const std::string& name) {
-  const TextInput text(name, "<stdin> (--from -)");
-  std::FILE* in = text.get();
+  TextInput text(name, "<stdin> (--from -)");
   const std::string& shown = text.name();
   std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> lines;
-  struct Line {
-    char* data = nullptr;
-    size_t room = 0;
-    ~Line() { std::free(data); }
-  } buffer;
-  ssize_t got;
-  uint64_t number = 0;
-  while ((got = getline(&buffer.data, &buffer.room, in)) >= 0) {
-    ++number;
-    std::string line(buffer.data, static_cast<size_t>(got));
-    if (line.find('\0') != std::string::npos)
-      fail(Exit::kUsage, shown, fmt::format("line {} holds a NUL byte", number));
+  std::string line;
+  while (text.readLine(line, kMaxListLine, true)) {
+    const uint64_t number = text.lineNumber();
     std::vector<std::string> words;
     size_t at = 0;
     while ((at = line.find_first_not_of(" \t\r\n", at)) != std::string::npos) {
@@ -115,7 +107,6 @@ std::vector<std::pair<Id, std::vector<std::pair<std::string, uint32_t>>>> readAd
     for (size_t k = 1; k < words.size(); ++k) pairs.push_back(parseAddress(words[k]));
     lines.emplace_back(idFrom(words[0]), std::move(pairs));
   }
-  if (std::ferror(in)) fail(Exit::kFileIo, shown, "cannot read");
   return lines;
 }
 

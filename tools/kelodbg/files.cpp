@@ -586,6 +586,25 @@ TextInput::~TextInput() {
   if (file_ != nullptr && file_ != stdin) std::fclose(file_);
 }
 
+bool TextInput::readLine(std::string& line, size_t maxLength, bool noNul) {
+  line.clear();
+  int c;
+  while ((c = std::getc(file_)) != EOF && c != '\n') {
+    if (c == '\0' && noNul) fail(Exit::kUsage, display_, fmt::format("line {} holds a NUL byte", lines_ + 1));
+    if (line.size() == maxLength) {
+      fail(Exit::kUsage, display_, fmt::format("line {} is longer than {} bytes", lines_ + 1, maxLength));
+    }
+    line += static_cast<char>(c);
+  }
+  if (c == EOF && std::ferror(file_)) {
+    fail(Exit::kFileIo, display_, fmt::format("cannot read: {}", std::strerror(errno)));
+  }
+  if (c == EOF && line.empty()) return false;
+  ++lines_;
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return true;
+}
+
 Input::Input(const std::string& name) : display_(displayName(name, "<stdin>")) {
   int fd = namedDescriptor(name, 0);
   const bool named = fd >= 0;

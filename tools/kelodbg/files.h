@@ -92,9 +92,18 @@ class TextInput {
   // The name for messages ("<stdin>" for "-").
   const std::string& name() const { return display_; }
 
+  // The next line, without its newline (nor a '\r' before it); false at
+  // the end. A line longer than `maxLength` bytes, or holding a NUL byte
+  // where `noNul`, is a usage error that names it; a read error fails with
+  // exit 3. A file of endless bytes ends with a message, not in memory.
+  bool readLine(std::string& line, size_t maxLength, bool noNul = false);
+  // How many lines were read so far.
+  uint64_t lineNumber() const { return lines_; }
+
  private:
   std::FILE* file_ = nullptr;
   std::string display_;
+  uint64_t lines_ = 0;
 };
 
 // A file named on the command line as an input.

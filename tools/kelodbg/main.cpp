@@ -491,8 +491,8 @@ class Cli {
           stack_.version = store.version();
           stack_.answers.functions = stack_.answers.inlines = true;
           stack_.answers.demangle = !mangled_;
-          const TextInput text(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
-          return stackCommand(*placed, stack_, text.get(), text.name());
+          TextInput trace(trace_.empty() ? "-" : trace_, "<stdin> (the stack trace)");
+          return stackCommand(*placed, stack_, trace);
         });
     file(sub, stackFile_);
     sub->footer(
@@ -605,32 +605,17 @@ class Cli {
         continue;
       }
       const std::string name = a.substr(1);
-      const TextInput text(name, "<stdin> (@-)");
-      std::FILE* in = text.get();
-      const std::string& shown = text.name();
+      TextInput text(name, "<stdin> (@-)");
       std::string line;
-      uint64_t number = 0;
-      for (;;) {
-        line.clear();
-        int c;
-        while ((c = std::getc(in)) != EOF && c != '\n') {
-          if (c == '\0') fail(Exit::kUsage, shown, fmt::format("line {} holds a NUL byte", number + 1));
-          if (line.size() == kMaxArgumentLine) {
-            fail(Exit::kUsage, shown, fmt::format("line {} is longer than {} bytes", number + 1, kMaxArgumentLine));
-          }
-          line += static_cast<char>(c);
-        }
-        if (c == EOF && line.empty()) break;
-        ++number;
+      while (text.readLine(line, kMaxArgumentLine, true)) {
         total += line.size() + 1;
         if (total > kMaxArgumentBytes) {
-          fail(Exit::kUsage, shown, fmt::format("more than {} MiB of arguments", kMaxArgumentBytes >> 20));
+          fail(Exit::kUsage, text.name(), fmt::format("more than {} MiB of arguments", kMaxArgumentBytes >> 20));
         }
         const size_t start = line.find_first_not_of(" \t\r");
         if (start == std::string::npos || line[start] == '#') continue;
         out.push_back(line.substr(start, line.find_last_not_of(" \t\r") + 1 - start));
       }
-      if (std::ferror(in)) fail(Exit::kFileIo, shown, fmt::format("cannot read: {}", std::strerror(errno)));
     }
     args = std::move(out);
   }

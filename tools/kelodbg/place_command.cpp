@@ -33,25 +33,13 @@ using Pairs = std::vector<std::pair<std::string, uint32_t>>;
 // line and the rest follows on the next. Output sections (at the start of
 // the line), fill, patterns, symbols, and the discarded input sections
 // listed before the memory map are not input sections placed.
-LinkMap readLinkMap(std::FILE* in, const std::string& name) {
+LinkMap readLinkMap(TextInput& text) {
   LinkMapReader reader;
   std::string line;
-  uint64_t number = 0;
-  for (;;) {
-    line.clear();
-    int c;
-    while ((c = std::getc(in)) != EOF && c != '\n') {
-      if (line.size() == kMaxMapLine) {
-        fail(Exit::kUsage, name, fmt::format("line {} is longer than {} bytes", number + 1, kMaxMapLine));
-      }
-      line += static_cast<char>(c);
-    }
-    if (c == EOF && line.empty()) break;
-    ++number;
-    reader.line(line);
+  while (text.readLine(line, kMaxMapLine)) reader.line(line);
+  if (!reader.sawMemoryMap()) {
+    fail(Exit::kUsage, text.name(), "not a GNU ld link map (no \"Linker script and memory map\")");
   }
-  if (std::ferror(in)) fail(Exit::kFileIo, name, fmt::format("cannot read: {}", std::strerror(errno)));
-  if (!reader.sawMemoryMap()) fail(Exit::kUsage, name, "not a GNU ld link map (no \"Linker script and memory map\")");
   return reader.take();
 }
 
@@ -151,8 +139,8 @@ std::string listed(const std::vector<std::string>& names) {
 }
 
 void placeFromMap(const PlaceOptions& o) {
-  const TextInput text(o.map, "<stdin> (the link map)");
-  const LinkMap map = readLinkMap(text.get(), text.name());
+  TextInput text(o.map, "<stdin> (the link map)");
+  const LinkMap map = readLinkMap(text);
   const size_t slash = o.map.rfind('/');
   const std::string mapDir = slash == std::string::npos ? std::string() : o.map.substr(0, slash);
 

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "answers.h"
+#include "files.h"
 #include "symbolize_commands.h"
 #include "tool.h"
 #include "trace.h"
@@ -27,25 +28,9 @@ bool sameModule(const std::string& named, const std::string& wanted) {
          named.compare(slash + 1, std::string::npos, wanted) == 0;
 }
 
-// Reads one line (without its newline) into `line`; false at the end.
-bool readLine(std::FILE* in, const std::string& name, uint64_t number, std::string& line) {
-  line.clear();
-  int c;
-  while ((c = std::getc(in)) != EOF && c != '\n') {
-    if (line.size() == kMaxTraceLine) {
-      fail(Exit::kUsage, name, fmt::format("line {} is longer than {} bytes", number, kMaxTraceLine));
-    }
-    line += static_cast<char>(c);
-  }
-  if (c == EOF && std::ferror(in)) fail(Exit::kFileIo, name, fmt::format("cannot read: {}", std::strerror(errno)));
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return c != EOF || !line.empty();
-}
-
 }  // namespace
 
-int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& options, std::FILE* in,
-                 const std::string& traceName) {
+int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& options, TextInput& trace) {
   kelo_symbolize::Options symbolizerOptions;
   symbolizerOptions.cacheBytes = options.answers.cacheBytes;
   symbolizerOptions.demangle = options.answers.demangle;
@@ -58,10 +43,10 @@ int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& 
   Json frames = Json::array();
   Answer answer;
   std::string line, out;
-  uint64_t number = 0;
   long position = 0;         // of the next unnumbered frame in its trace
   bool afterSignal = false;  // the frame before was gdb's signal handler
-  while (readLine(in, traceName, ++number, line)) {
+  while (trace.readLine(line, kMaxTraceLine)) {
+    const uint64_t number = trace.lineNumber();
     const TraceLine t = parseTraceLine(line);
     if (!t.frame) {
       // A line that is no frame ends a plain list of addresses.
@@ -114,7 +99,7 @@ int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& 
     print(Json::object()
               .set("file", options.name)
               .set("version", options.version)
-              .set("trace", traceName)
+              .set("trace", trace.name())
               .set("frames", std::move(frames))
               .dump());
   }

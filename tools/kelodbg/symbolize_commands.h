@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "answers.h"
+#include "files.h"
 #include "kelo/DebugInfoList.h"
 #include "kelo/symbolize.hpp"
 
@@ -45,7 +46,7 @@ struct StackOptions {
   std::string module;
 };
 
-// Reads the stack trace `in` (named `traceName` in messages) and prints
+// Reads the stack trace `trace` and prints
 // each of its lines followed by the frames of the address it holds: the
 // lines of gdb's backtrace ("#1  0x... in f () at x.c:3"), of sanitizer
 // reports ("    #1 0x... in f x.c:3:5"), of glibc's backtrace_symbols
@@ -53,8 +54,7 @@ struct StackOptions {
 // first frame of a trace (#0, or the first line of a plain list) is looked
 // up as it is; every later one is a return address, looked up less one.
 // Returns the exit code (0).
-int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& options, std::FILE* in,
-                 const std::string& traceName);
+int stackCommand(const kelo_debuginfo::DebugInfoList& list, const StackOptions& options, TextInput& trace);
 
 int mapCommand(const kelo_debuginfo::DebugInfoList& list, const std::string& name, const std::string& version,
                bool json);
