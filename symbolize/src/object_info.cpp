@@ -13,6 +13,7 @@
 
 #include "address_map.h"
 #include "demangle.h"
+#include "die_walker.h"
 
 namespace kelo_symbolize {
 namespace internal {
@@ -21,7 +22,6 @@ namespace {
 
 constexpr uint64_t kNoBase = ~uint64_t{0};
 constexpr uint32_t kNoFile = ~uint32_t{0};
-constexpr unsigned kDwAtGnuDiscriminator = 0x2136;
 
 // The module's user data for libdwfl's callbacks: the bytes to read, and
 // where each section lies.
@@ -109,13 +109,6 @@ std::string inDirectory(const std::string& compDir, const char* name) {
   std::string path(compDir);
   if (path.back() != '/') path += '/';
   return path + name;
-}
-
-unsigned udata(Dwarf_Die* die, unsigned name) {
-  Dwarf_Attribute attr;
-  Dwarf_Word value = 0;
-  if (dwarf_attr(die, name, &attr) == nullptr || dwarf_formudata(&attr, &value) != 0) return 0;
-  return static_cast<unsigned>(value);
 }
 
 // The DWARF's name of a function DIE: a linkage name anywhere along its
@@ -411,29 +404,6 @@ void ObjectInfo::listUnits(Dwarf* dwarf) {
   indexBytes_ += units_.capacity() * sizeof(Unit) + unitPieces_.capacity() * sizeof(UnitPiece);
 }
 
-const std::string* ObjectInfo::nameOf(Dwarf_Die& die, std::unordered_map<Dwarf_Off, const std::string*>& byOrigin) {
-  Dwarf_Attribute attr;
-  Dwarf_Die origin;
-  // A name of its own comes first (constructor and destructor variants
-  // share an origin but each has its own linkage name).
-  if (dwarf_attr(&die, DW_AT_linkage_name, &attr) != nullptr ||
-      dwarf_attr(&die, DW_AT_MIPS_linkage_name, &attr) != nullptr || dwarf_attr(&die, DW_AT_name, &attr) != nullptr) {
-    const char* name = functionName(&die);
-    return name != nullptr ? intern(name) : nullptr;
-  }
-  if ((dwarf_attr(&die, DW_AT_abstract_origin, &attr) != nullptr ||
-       dwarf_attr(&die, DW_AT_specification, &attr) != nullptr) &&
-      dwarf_formref_die(&attr, &origin) != nullptr) {
-    const Dwarf_Off key = dwarf_dieoffset(&origin);
-    auto found = byOrigin.find(key);
-    if (found != byOrigin.end()) return found->second;
-    const char* name = functionName(&die);
-    return byOrigin.emplace(key, name != nullptr ? intern(name) : nullptr).first->second;
-  }
-  const char* name = functionName(&die);
-  return name != nullptr ? intern(name) : nullptr;
-}
-
 const std::string* ObjectInfo::intern(const char* text) {
   auto inserted = strings_.emplace(text != nullptr ? text : "");
   if (inserted.second) indexBytes_ += inserted.first->capacity() + 48;
@@ -492,138 +462,143 @@ bool ObjectInfo::indexUnit(Unit& unit) {
 
   // One walk over the unit's DIEs collects the function DIEs with their
   // names, call sites, address ranges and nesting, and the variables at
-  // fixed addresses. The walk keeps its own stack: nesting depth is the
-  // input's to choose.
+  // fixed addresses.
   struct Span {
     uint64_t start, end;
     int32_t node;
   };
   std::vector<Span> spans;
-  // Names by the DIE an instance refers to (DW_AT_abstract_origin or
-  // DW_AT_specification): an inline function inlined a thousand times is
-  // named once.
-  std::unordered_map<Dwarf_Off, const std::string*> names;
-  struct Open {
-    Dwarf_Die die;
-    int32_t enclosing;
+  // What a DIE takes from the DIE it refers to (DW_AT_abstract_origin or
+  // DW_AT_specification) is found once: an inline function inlined a
+  // thousand times is named once.
+  struct FromOrigin {
+    bool named = false, declared = false;
+    const std::string* name = nullptr;
+    uint32_t declFile = kNoFile, declLine = 0;
   };
-  std::vector<Open> stack;
-  Dwarf_Die die;
-  int32_t enclosing = -1;
-  bool more = dwarf_child(&cuDie, &die) == 0;
-  while (more) {
-    const int tag = dwarf_tag(&die);
+  std::unordered_map<Dwarf_Off, FromOrigin> origins;
+  auto nameOf = [this](Dwarf_Die& die) -> const std::string* {
+    const char* name = functionName(&die);
+    return name != nullptr ? intern(name) : nullptr;
+  };
+  auto declOf = [&](Dwarf_Die& die, uint32_t& file, uint32_t& line) {
+    Dwarf_Attribute attr;
+    Dwarf_Word declFile = 0;
+    // A declaration in another unit (reached through an abstract origin)
+    // counts its files in that unit's table, which is not at hand.
+    if (files != nullptr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr && attr.cu == die.cu &&
+        dwarf_formudata(&attr, &declFile) == 0 && declFile < fileCount) {
+      file = fileOf(dwarf_filesrc(files, declFile, nullptr, nullptr));
+    }
+    int declLine = 0;
+    if (dwarf_decl_line(&die, &declLine) == 0 && declLine > 0) line = static_cast<uint32_t>(declLine);
+  };
+
+  using W = DieWalker;
+  DieWalker walker(s->dwarf, cuDie,
+                   {DW_TAG_subprogram, DW_TAG_inlined_subroutine, DW_TAG_entry_point, DW_TAG_variable});
+  // The function DIE enclosing the DIEs at each depth (-1: none).
+  std::vector<int32_t> enclosingAt(2, -1);
+  while (walker.next()) {
+    const size_t depth = walker.depth();
+    const int32_t enclosing = enclosingAt[depth];
+    const int tag = walker.tag();
     int32_t node = enclosing;
     if (tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine || tag == DW_TAG_entry_point) {
-      Dwarf_Addr base, start, end;
+      Dwarf_Die die = walker.die();
       const size_t before = spans.size();
       node = static_cast<int32_t>(unit.nodes.size());
-      for (ptrdiff_t off = 0; (off = dwarf_ranges(&die, off, &base, &start, &end)) > 0;) {
-        if (start < end) spans.push_back({start, end, node});
+      // One range from DW_AT_low_pc and DW_AT_high_pc, else DW_AT_ranges.
+      Dwarf_Attribute attr;
+      Dwarf_Addr lowPc = 0, highPc = 0;
+      const bool hasLowPc = walker.attribute(W::kLowPc, &attr) && dwarf_formaddr(&attr, &lowPc) == 0;
+      bool hasHighPc = false;
+      if (hasLowPc && walker.isAddress(W::kHighPc)) {
+        hasHighPc = walker.attribute(W::kHighPc, &attr) && dwarf_formaddr(&attr, &highPc) == 0;
+      } else if (hasLowPc && walker.has(W::kHighPc)) {
+        Dwarf_Word size = 0;
+        hasHighPc = walker.attribute(W::kHighPc, &attr) ? dwarf_formudata(&attr, &size) == 0
+                                                        : (size = walker.udata(W::kHighPc), true);
+        highPc = lowPc + size;
       }
-      if (spans.size() == before && !dwarf_haschildren(&die)) {
+      if (hasHighPc) {
+        if (lowPc < highPc) spans.push_back({lowPc, highPc, node});
+      } else if (walker.has(W::kRanges)) {
+        Dwarf_Addr base, start, end;
+        for (ptrdiff_t off = 0; (off = dwarf_ranges(&die, off, &base, &start, &end)) > 0;) {
+          if (start < end) spans.push_back({start, end, node});
+        }
+      }
+      if (spans.size() == before && !walker.hasChildren()) {
         // No code and nothing inside that could have any (a declaration).
         node = enclosing;
       } else {
-        Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0, kNoFile, 0, false, 0};
-        n.name = nameOf(die, names);
-        Dwarf_Attribute attr;
-        Dwarf_Word declFile = 0;
-        // A declaration in another unit (reached through an abstract origin)
-        // counts its files in that unit's table, which is not at hand.
-        if (files != nullptr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr && attr.cu == die.cu &&
-            dwarf_formudata(&attr, &declFile) == 0 && declFile < fileCount) {
-          n.declFile = fileOf(dwarf_filesrc(files, declFile, nullptr, nullptr));
+        Node n{enclosing, tag == DW_TAG_inlined_subroutine, nullptr, kNoFile, 0, 0, 0, kNoFile, 0, hasLowPc, lowPc};
+        // A name or declaration of its own comes first (constructor and
+        // destructor variants share an origin but each has its own linkage
+        // name); libdw follows the references to the rest.
+        const bool ownName = walker.has(W::kLinkageName) || walker.has(W::kMipsLinkageName) || walker.has(W::kName);
+        const bool ownDecl = walker.has(W::kDeclFile) || walker.has(W::kDeclLine);
+        FromOrigin* from = nullptr;
+        Dwarf_Die origin;
+        if ((!ownName || !ownDecl) &&
+            (walker.attribute(W::kAbstractOrigin, &attr) || walker.attribute(W::kSpecification, &attr)) &&
+            dwarf_formref_die(&attr, &origin) != nullptr) {
+          from = &origins[dwarf_dieoffset(&origin)];
         }
-        int declLine = 0;
-        if (dwarf_decl_line(&die, &declLine) == 0 && declLine > 0) n.declLine = static_cast<uint32_t>(declLine);
-        Dwarf_Addr lowPc = 0;
-        if (dwarf_attr(&die, DW_AT_low_pc, &attr) != nullptr && dwarf_formaddr(&attr, &lowPc) == 0) {
-          n.hasLowPc = true;
-          n.lowPc = lowPc;
+        if (ownName || from == nullptr) {
+          n.name = nameOf(die);
+        } else {
+          if (!from->named) from->name = nameOf(die);
+          from->named = true;
+          n.name = from->name;
+        }
+        if (ownDecl) {
+          declOf(die, n.declFile, n.declLine);
+        } else if (from != nullptr) {
+          if (!from->declared) declOf(die, from->declFile, from->declLine);
+          from->declared = true;
+          n.declFile = from->declFile;
+          n.declLine = from->declLine;
         }
         if (n.inlined) {
-          const unsigned file = udata(&die, DW_AT_call_file);
+          const auto file = static_cast<unsigned>(walker.udata(W::kCallFile));
           if (files != nullptr && file < fileCount) n.callFile = fileOf(dwarf_filesrc(files, file, nullptr, nullptr));
-          n.callLine = udata(&die, DW_AT_call_line);
-          n.callColumn = udata(&die, DW_AT_call_column);
-          n.callDiscriminator = udata(&die, kDwAtGnuDiscriminator);
+          n.callLine = static_cast<uint32_t>(walker.udata(W::kCallLine));
+          n.callColumn = static_cast<uint32_t>(walker.udata(W::kCallColumn));
+          n.callDiscriminator = static_cast<uint32_t>(walker.udata(W::kDiscriminator));
         }
         unit.nodes.push_back(n);
       }
     } else if (tag == DW_TAG_variable) {
-      // Variables the compiler made up (__func__ and the like) have no
-      // declaration and name nothing.
-      Dwarf_Attribute attr;
-      Dwarf_Op* ops = nullptr;
-      size_t opCount = 0;
-      if (dwarf_attr(&die, DW_AT_location, &attr) != nullptr && dwarf_getlocation(&attr, &ops, &opCount) == 0 &&
-          opCount == 1 && ops[0].atom == DW_OP_addr && dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr) {
-        int line = 0;
-        Variable v{ops[0].number, variables_.size(), intern(dwarf_diename(&die)),
-                   intern(inDirectory(unit.compDir, dwarf_decl_file(&die)).c_str()), 0};
-        if (dwarf_decl_line(&die, &line) == 0) v.line = static_cast<unsigned>(line);
-        variables_.push_back(v);
-      }
-    }
-
-    Dwarf_Die child;
-    if (!holdsNoCode(tag) && dwarf_haschildren(&die) && dwarf_child(&die, &child) == 0) {
-      stack.push_back({die, enclosing});
-      enclosing = node;
-      die = child;
-      continue;
-    }
-    // The next sibling, or that of the nearest ancestor that has one.
-    for (;;) {
-      Dwarf_Die sibling;
-      sibling.addr = nullptr;
-      const int found = dwarf_siblingof(&die, &sibling);
-      if (found == 0) {
-        die = sibling;
-        break;
-      }
-      if (stack.empty() || found < 0) {
-        more = false;
-        break;
-      }
-      // Without DW_AT_sibling (clang emits none) libdw finds a DIE's sibling
-      // by reading its whole subtree again, which the walk has just read.
-      // At the end of a list libdw leaves the address of the list's closing
-      // null entry: the parent's sibling, if any, comes right after it.
-      if (sibling.addr != nullptr) {
-        Dwarf_Off end = dwarf_dieoffset(&die) + static_cast<Dwarf_Off>(static_cast<const unsigned char*>(sibling.addr) -
-                                                                       static_cast<const unsigned char*>(die.addr));
-        bool resumed = false;
-        for (;;) {
-          // dwarf_offdie checks the offset; one in another unit is left to
-          // libdw's own search below.
-          Dwarf_Die next;
-          if (dwarf_offdie(s->dwarf, end + 1, &next) == nullptr || next.cu != die.cu) break;
-          const bool closes = *static_cast<const unsigned char*>(next.addr) == 0;
-          enclosing = stack.back().enclosing;
-          stack.pop_back();
-          if (!closes) {
-            die = next;
-            resumed = true;
-            break;
-          }
-          if (stack.empty()) {
-            more = false;
-            resumed = true;
-            break;
-          }
-          ++end;  // the parent's list closes here too
-        }
-        if (resumed) break;
-        if (stack.empty()) {
-          more = false;
-          break;
+      // Only a location of DW_OP_addr alone is a fixed address; variables
+      // the compiler made up (__func__ and the like) have no declaration
+      // and name nothing.
+      const unsigned char* expr = nullptr;
+      size_t exprSize = 0;
+      if (walker.block(W::kLocation, &expr, &exprSize) && exprSize > 0 && expr[0] == DW_OP_addr) {
+        Dwarf_Die die = walker.die();
+        Dwarf_Attribute attr;
+        Dwarf_Op* ops = nullptr;
+        size_t opCount = 0;
+        if (dwarf_attr(&die, DW_AT_location, &attr) != nullptr && dwarf_getlocation(&attr, &ops, &opCount) == 0 &&
+            opCount == 1 && ops[0].atom == DW_OP_addr &&
+            dwarf_attr_integrate(&die, DW_AT_decl_file, &attr) != nullptr) {
+          int line = 0;
+          Variable v{ops[0].number, variables_.size(), intern(dwarf_diename(&die)),
+                     intern(inDirectory(unit.compDir, dwarf_decl_file(&die)).c_str()), 0};
+          if (dwarf_decl_line(&die, &line) == 0) v.line = static_cast<unsigned>(line);
+          variables_.push_back(v);
         }
       }
-      die = stack.back().die;
-      enclosing = stack.back().enclosing;
-      stack.pop_back();
+    }
+    if (walker.hasChildren()) {
+      if (holdsNoCode(tag)) {
+        walker.skipChildren();
+      } else {
+        if (enclosingAt.size() < depth + 2) enclosingAt.resize(depth + 2);
+        enclosingAt[depth + 1] = node;
+      }
     }
   }
 

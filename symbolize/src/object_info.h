@@ -81,7 +81,6 @@ class ObjectInfo {
   Frame& addFrame(Location& loc);
   const CodeSymbol* symbolAt(size_t section, uint64_t offset) const;
   const std::string* intern(const char* text);
-  const std::string* nameOf(Dwarf_Die& die, std::unordered_map<Dwarf_Off, const std::string*>& byOrigin);
   void setFunction(Frame& frame, const std::string* name);
   void startAtSymbol(Frame& frame, const CodeSymbol& sym, uint64_t offset) const;
 
