@@ -228,6 +228,7 @@ bool DieWalker::readAbbrevs(const Elf_Data* section, uint64_t offset, std::initi
     if (code == 0) return true;
     if (!readUleb(p, end, &tag) || p >= end) return false;
     Abbrev a;
+    a.firstSpec = static_cast<uint32_t>(specs_.size());
     a.tag = tag <= 0xffff ? static_cast<int>(tag) : 0;
     a.children = *p++ != 0;
     for (int t : tags) a.locate |= t == a.tag;
@@ -242,7 +243,8 @@ bool DieWalker::readAbbrevs(const Elf_Data* section, uint64_t offset, std::initi
       const uint8_t slot = slotOf(name);
       a.locate |= slot == kSibling;
       const auto f = static_cast<uint32_t>(form <= 0xffff ? form : kUnknown);
-      a.specs.push_back({f, slot, implicit});
+      specs_.push_back({f, slot, implicit});
+      ++a.specCount;
       const unsigned size = formSize(f, addressSize_, offsetSize_, version_);
       if (size >= kUnknown) {
         allFixed = false;
@@ -259,7 +261,7 @@ bool DieWalker::readAbbrevs(const Elf_Data* section, uint64_t offset, std::initi
     } else {
       byLargeCode_.emplace(code, index);
     }
-    abbrevs_.push_back(std::move(a));
+    abbrevs_.push_back(a);
   }
 }
 
@@ -342,7 +344,9 @@ bool DieWalker::passAttributes(const Abbrev& abbrev, bool locate) {
     pos_ += abbrev.fixedSize;
     return true;
   }
-  for (const Spec& s : abbrev.specs) {
+  const Spec* spec = specs_.data() + abbrev.firstSpec;
+  for (const Spec* last = spec + abbrev.specCount; spec != last; ++spec) {
+    const Spec& s = *spec;
     unsigned form = s.form;
     if (form == DW_FORM_indirect) {
       uint64_t actual = 0;

@@ -87,9 +87,9 @@ class DieWalker {
   struct Abbrev {
     int tag = 0;
     bool children = false;
-    bool locate = false;     // attributes are located for this DIE
-    int64_t fixedSize = -1;  // bytes of the attributes when all are fixed, else -1
-    std::vector<Spec> specs;
+    bool locate = false;                    // attributes are located for this DIE
+    int64_t fixedSize = -1;                 // bytes of the attributes when all are fixed, else -1
+    uint32_t firstSpec = 0, specCount = 0;  // in specs_
   };
 
   bool readAbbrevs(const Elf_Data* section, uint64_t offset, std::initializer_list<int> tags);
@@ -115,6 +115,7 @@ class DieWalker {
   unsigned addressSize_ = 8, offsetSize_ = 4, version_ = 4;
   bool bigEndian_ = false;
   std::vector<Abbrev> abbrevs_;
+  std::vector<Spec> specs_;       // every abbreviation's attributes, one after the other
   std::vector<uint32_t> byCode_;  // small codes: index + 1 in abbrevs_, 0 for none
   std::unordered_map<uint64_t, uint32_t> byLargeCode_;
 

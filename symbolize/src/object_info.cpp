@@ -247,7 +247,7 @@ ObjectInfo::ObjectInfo(const kelo_elf::ELF& image, bool demangle)
   if (!checkCompressed(elf.get())) return;
   elf.reset();
   dwarfUsable_ = true;
-  session_ = openSession();
+  session_ = openSession(std::move(bytes));
   if (session_ == nullptr) {
     dwarfUsable_ = false;
     return;
@@ -333,9 +333,9 @@ bool ObjectInfo::checkCompressed(Elf* elf) {
   return true;
 }
 
-std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession() {
+std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession(kelo_elf::ELFBytes&& bytes) {
   auto s = std::make_unique<Session>();
-  s->bytes = copyOf(image_);
+  s->bytes = bytes.data != nullptr ? std::move(bytes) : copyOf(image_);
   s->context = DwflContext{&s->bytes, &base_};
   if (type_ == ET_REL) {
     // Only a module reported by address range lets libdwfl ask where each
@@ -370,7 +370,7 @@ std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession() {
 
 ObjectInfo::Session* ObjectInfo::session() {
   if (session_ == nullptr && dwarfUsable_) {
-    session_ = openSession();
+    session_ = openSession(kelo_elf::ELFBytes());
     // The same bytes give the same relocation as the first time.
     if (session_ == nullptr || session_->bias != bias_) {
       session_.reset();

@@ -69,7 +69,9 @@ class ObjectInfo {
   void layOut();
   bool checkCompressed(Elf* elf);
   Session* session();
-  std::unique_ptr<Session> openSession();
+  // Opens a session on `bytes`, the image's bytes unchanged, or on a copy
+  // of its own if they are empty.
+  std::unique_ptr<Session> openSession(kelo_elf::ELFBytes&& bytes);
   void listUnits(Dwarf* dwarf);
   bool indexUnit(Unit& unit);
   bool indexAllUnits();

@@ -8,6 +8,7 @@
 #include "symbolize_commands.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cinttypes>
@@ -30,7 +31,15 @@ using kelo_symbolize::Symbolizer;
 // The state reused from one answer to the next.
 struct Scratch {
   Answer answer;
-  std::string text;  // one answer, written at once
+  // Answers not written yet: each one at once when someone waits for it,
+  // else in pieces of kBatch bytes.
+  std::string text;
+  static constexpr size_t kBatch = 64 * 1024;
+
+  void write(std::FILE* file) {
+    std::fwrite(text.data(), 1, text.size(), file);
+    text.clear();
+  }
 };
 
 void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
@@ -54,14 +63,18 @@ void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char*
     return;
   }
   std::string& out = scratch.text;
-  out.clear();
   if (options.json) {
-    out = answerJson(a, options.answers, options.module).line() + "\n";
+    out += answerJson(a, options.answers, options.module).line();
+    out += '\n';
   } else {
     appendText(a, options.answers, bits, out);
   }
-  std::fwrite(out.data(), 1, out.size(), file);
-  if (flush) std::fflush(file);
+  if (flush) {
+    scratch.write(file);
+    std::fflush(file);
+  } else if (out.size() >= Scratch::kBatch) {
+    scratch.write(file);
+  }
 }
 
 }  // namespace
@@ -82,6 +95,7 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
     for (const std::string& text : addresses) {
       answer(symbolizer, options, text.c_str(), false, buffer, out, options.json ? &all : nullptr);
     }
+    buffer.write(out);
     if (options.json) {
       const std::string text = all.line() + "\n";
       std::fwrite(text.data(), 1, text.size(), out);
@@ -94,9 +108,11 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   // a file has no one waiting.
   struct stat st;
   const int fd = fileno(in);
-  const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
+  // A terminal shows each answer as it comes, in order with the warnings.
+  const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) || isatty(fileno(out));
   char line[100];
   while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out, nullptr);
+  buffer.write(out);
   if (std::ferror(in)) fail(Exit::kFileIo, "<stdin>", fmt::format("cannot read: {}", std::strerror(errno)));
   return 0;
 }
