@@ -173,28 +173,40 @@ void appendKey(std::string& out, char before, const char* key) {
   out += "\":";
 }
 
+// A file's name as -s asks, without a copy.
+absl::string_view shownFile(const std::string& file, const AnswerOptions& options) {
+  const size_t slash = options.basenames ? file.rfind('/') : std::string::npos;
+  return absl::string_view(file).substr(slash == std::string::npos ? 0 : slash + 1);
+}
+
+// "0x" and hex digits, as a JSON string.
+void appendHexJson(std::string& out, uint64_t value) {
+  out += "\"0x";
+  appendNumber(out, value, 16);
+  out += '"';
+}
+
+// One frame; `start` is the function's start address, if known.
 void appendFrameJson(std::string& out, const Frame* f, const AnswerOptions& options, const std::string* name,
-                     const std::string* start) {
-  static const std::string kEmpty;
-  std::string file, startFile;
-  if (f != nullptr) {
-    appendFile(f->file, options, file);
-    appendFile(f->startFile, options, startFile);
-  }
+                     const uint64_t* start) {
   appendKey(out, '{', "Column");
   appendNumber(out, f != nullptr ? f->column : 0);
   appendKey(out, ',', "Discriminator");
   appendNumber(out, f != nullptr ? f->discriminator : 0);
   appendKey(out, ',', "FileName");
-  appendJsonString(out, file);
+  appendJsonString(out, f != nullptr ? shownFile(f->file, options) : absl::string_view());
   appendKey(out, ',', "FunctionName");
-  appendJsonString(out, name != nullptr ? *name : kEmpty);
+  appendJsonString(out, name != nullptr ? absl::string_view(*name) : absl::string_view());
   appendKey(out, ',', "Line");
   appendNumber(out, f != nullptr ? f->line : 0);
   appendKey(out, ',', "StartAddress");
-  appendJsonString(out, start != nullptr ? *start : kEmpty);
+  if (start != nullptr) {
+    appendHexJson(out, *start);
+  } else {
+    out += "\"\"";
+  }
   appendKey(out, ',', "StartFileName");
-  appendJsonString(out, startFile);
+  appendJsonString(out, f != nullptr ? shownFile(f->startFile, options) : absl::string_view());
   appendKey(out, ',', "StartLine");
   appendNumber(out, f != nullptr ? f->startLine : 0);
   out += '}';
@@ -206,7 +218,7 @@ void appendAnswerJson(std::string& out, const Answer& answer, const AnswerOption
   const kelo_symbolize::Location& loc = answer.location;
   const std::vector<Frame>& frames = loc.frames;
   appendKey(out, '{', "Address");
-  appendJsonString(out, hex(answer.address));
+  appendHexJson(out, answer.address);
   appendKey(out, ',', "ModuleName");
   appendJsonString(out, module);
   appendKey(out, ',', "Symbol");
@@ -216,17 +228,23 @@ void appendAnswerJson(std::string& out, const Answer& answer, const AnswerOption
   } else if (!loc.variable.empty()) {
     // A variable's address is named by the variable, as a symbol table
     // would; where it was declared is told beside.
-    const std::string start = hex(answer.lookup);
-    appendFrameJson(out, nullptr, options, &loc.variable, &start);
+    appendFrameJson(out, nullptr, options, &loc.variable, &answer.lookup);
   } else {
     const size_t shown = options.inlines ? frames.size() : 1;
-    std::string name, start;
+    std::string suffixed;
     for (size_t i = 0; i < shown; ++i) {
       const Frame& f = frames[i];
-      name = options.demangle ? llvmCloneSuffixes(f.demangled) : f.function;
-      start = f.hasStart ? hex(f.startAddress) : std::string();
+      const std::string* name = &f.function;
+      if (options.demangle) {
+        name = &f.demangled;
+        // Clone suffixes are rewritten only where a name ends in one.
+        if (!name->empty() && name->back() == ']') {
+          suffixed = llvmCloneSuffixes(f.demangled);
+          name = &suffixed;
+        }
+      }
       if (i > 0) out += ',';
-      appendFrameJson(out, &f, options, &name, &start);
+      appendFrameJson(out, &f, options, name, f.hasStart ? &f.startAddress : nullptr);
     }
   }
   out += ']';
@@ -236,15 +254,13 @@ void appendAnswerJson(std::string& out, const Answer& answer, const AnswerOption
     appendKey(out, ',', "Section");
     appendJsonString(out, loc.section);
     appendKey(out, ',', "Offset");
-    appendJsonString(out, hex(loc.offset));
+    appendHexJson(out, loc.offset);
     if (!loc.variable.empty() && !frames.empty()) {
-      std::string file;
-      appendFile(frames[0].file, options, file);
       appendKey(out, ',', "Variable");
       appendKey(out, '{', "Name");
       appendJsonString(out, loc.variable);
       appendKey(out, ',', "DeclFile");
-      appendJsonString(out, file);
+      appendJsonString(out, shownFile(frames[0].file, options));
       appendKey(out, ',', "DeclLine");
       appendNumber(out, frames[0].line);
       out += '}';

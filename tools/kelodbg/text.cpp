@@ -7,7 +7,7 @@ namespace {
 
 // The length of the valid UTF-8 sequence of two or more bytes at s[i], or 0
 // when there is none.
-size_t utf8Length(const std::string& s, size_t i) {
+size_t utf8Length(absl::string_view s, size_t i) {
   const auto byte = [&s](size_t k) { return static_cast<unsigned char>(s[k]); };
   const unsigned char lead = byte(i);
   size_t len;
@@ -63,7 +63,7 @@ std::string escapeControls(const std::string& s) {
 
 std::string quoted(const std::string& s) { return "'" + printable(s) + "'"; }
 
-void appendJsonString(std::string& out, const std::string& s) {
+void appendJsonString(std::string& out, absl::string_view s) {
   out += '"';
   for (size_t i = 0; i < s.size();) {
     // Runs of plain ASCII go in one piece.
@@ -74,7 +74,7 @@ void appendJsonString(std::string& out, const std::string& s) {
       ++run;
     }
     if (run > i) {
-      out.append(s, i, run - i);
+      out.append(s.data() + i, run - i);
       i = run;
       continue;
     }
@@ -89,7 +89,7 @@ void appendJsonString(std::string& out, const std::string& s) {
     } else if (c < 0x20 || c == 0x7F) {
       out += fmt::format("\\u{:04x}", c), ++i;
     } else if (const size_t len = utf8Length(s, i)) {
-      out.append(s, i, len), i += len;
+      out.append(s.data() + i, len), i += len;
     } else {
       out += fmt::format("\\udc{:02x}", c), ++i;
     }

@@ -3,6 +3,8 @@
 #ifndef KELODBG_TEXT_H_
 #define KELODBG_TEXT_H_
 
+#include <absl/strings/string_view.h>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -70,7 +72,7 @@ class Json {
 
 // The JSON string of `s` (quoted), as Json writes it.
 std::string jsonString(const std::string& s);
-void appendJsonString(std::string& out, const std::string& s);
+void appendJsonString(std::string& out, absl::string_view s);
 
 }  // namespace kelodbg
 

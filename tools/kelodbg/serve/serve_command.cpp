@@ -63,10 +63,15 @@ struct Pending {
   bool tooLarge = false;
 };
 
-MHD_Result send(MHD_Connection* connection, const HttpResponse& r, bool head, bool close) {
-  MHD_Response* response = MHD_create_response_from_buffer(head ? 0 : r.body.size(), const_cast<char*>(r.body.data()),
-                                                           MHD_RESPMEM_MUST_COPY);
-  if (response == nullptr) return MHD_NO;
+MHD_Result send(MHD_Connection* connection, HttpResponse& r, bool head, bool close) {
+  // The body is handed over, not copied: the response frees it.
+  auto* body = new std::string(std::move(r.body));
+  MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+      head ? 0 : body->size(), &(*body)[0], [](void* text) { delete static_cast<std::string*>(text); }, body);
+  if (response == nullptr) {
+    delete body;
+    return MHD_NO;
+  }
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, r.contentType.c_str());
   for (const auto& h : r.headers) MHD_add_response_header(response, h.first.c_str(), h.second.c_str());
   if (close) MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");

@@ -1,5 +1,6 @@
 #include "service.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -14,7 +15,8 @@ namespace kelodbg {
 namespace serve {
 namespace {
 
-constexpr size_t kMaxDepth = 32;  // of a request's JSON
+constexpr size_t kMaxDepth = 32;       // of a request's JSON
+constexpr size_t kKeptAnswers = 1000;  // answers a thread keeps between requests
 
 const char* reason(int status) {
   switch (status) {
@@ -215,7 +217,11 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
 
   // Answers are found under the store's lock and written out after it, so
   // that other requests for the store wait for the lookups alone.
-  std::vector<Answer> answers(values.size());
+  // Each thread keeps its answers from one request to the next, so that
+  // their frames and strings keep their room; a large request's go.
+  thread_local std::vector<Answer> kept;
+  std::vector<Answer>& answers = kept;
+  answers.resize(values.size());
   const bool built = open->withSymbolizer([&](kelo_symbolize::Symbolizer& symbolizer) {
     const uint64_t mask = symbolizer.addressBits() == 32 ? 0xffffffffu : ~uint64_t{0};
     for (size_t i = 0; i < values.size(); ++i) {
@@ -225,7 +231,10 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
   });
   HttpResponse r;
   std::string& out = r.body;
-  out.reserve(answers.size() * 400);
+  // Room for the answers as long as this thread's last ones were, so that
+  // the text is not moved as it grows.
+  thread_local size_t perAnswer = 512;
+  out.reserve(answers.size() * perAnswer);
   out += "{\"store\":";
   appendJsonString(out, name);
   out += ",\"version\":";
@@ -236,6 +245,11 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
     appendAnswerJson(out, answers[i], options, name);
   }
   out += "]}\n";
+  if (!answers.empty()) perAnswer = std::min<size_t>(std::max<size_t>(512, out.size() / answers.size() + 64), 1 << 16);
+  if (answers.size() > kKeptAnswers) {
+    answers.clear();
+    answers.shrink_to_fit();
+  }
   metrics_.addresses(values.size());
   metrics_.symbolizerBuilt(built);
   return r;
