@@ -170,8 +170,10 @@ int serveCommand(const ServeOptions& o) {
   // Memory goes back to the system when the caches let go of it: large
   // blocks (images, inflated sections) are mapped on their own whatever
   // came before, few arenas are kept, and what is free is trimmed at
-  // each look at the folder.
-  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+  // each look at the folder. Answers to a batch (a few hundred KiB) stay
+  // below the mapping threshold, so that each request reuses the room of
+  // the one before instead of mapping and faulting in pages of its own.
+  mallopt(M_MMAP_THRESHOLD, 2 * 1024 * 1024);
   mallopt(M_ARENA_MAX, 2);
 
   Log log;
