@@ -63,16 +63,23 @@ std::string escapeControls(const std::string& s) {
 
 std::string quoted(const std::string& s) { return "'" + printable(s) + "'"; }
 
+// Bytes that stand for themselves in a JSON string: printable ASCII but
+// the quote and the backslash.
+struct PlainBytes {
+  bool plain[256] = {};
+  constexpr PlainBytes() {
+    for (int c = 0x20; c < 0x7F; ++c) plain[c] = c != '"' && c != '\\';
+  }
+};
+constexpr PlainBytes kPlain;
+
 void appendJsonString(std::string& out, absl::string_view s) {
+  out.reserve(out.size() + s.size() + 2);
   out += '"';
   for (size_t i = 0; i < s.size();) {
     // Runs of plain ASCII go in one piece.
     size_t run = i;
-    while (run < s.size()) {
-      const auto c = static_cast<unsigned char>(s[run]);
-      if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') break;
-      ++run;
-    }
+    while (run < s.size() && kPlain.plain[static_cast<unsigned char>(s[run])]) ++run;
     if (run > i) {
       out.append(s.data() + i, run - i);
       i = run;
