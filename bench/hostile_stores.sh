@@ -27,6 +27,9 @@
 #   deep_mangled   one function whose mangled name nests 24 templates, each
 #                  level naming the one before twice by substitution: the
 #                  demangled name doubles with every level (~1.2 KB object)
+#   shared_abbrev  20,000 [1,000] units whose abbreviation tables start one
+#                  entry apart in one table of as many entries, and code
+#                  that no unit covers (so that every unit is read)
 # The figures are informational: the exit status is 0 unless making a store
 # fails.
 set -euo pipefail
@@ -47,7 +50,11 @@ kelodbg=$build/tools/kelodbg/kelodbg
 [[ -x $kelodbg ]] || { echo "missing $kelodbg: build the tool first" >&2; exit 1; }
 [[ -x /usr/bin/time ]] || { echo "missing /usr/bin/time (Debian: time)" >&2; exit 1; }
 limit=${HOSTILE_TIMEOUT:-300}
-if ((small)); then same=1000 many=1000 bomb=$((8 << 20)); else same=16000 many=70000 bomb=$((1 << 30)); fi
+if ((small)); then
+  same=1000 many=1000 bomb=$((8 << 20)) units=1000
+else
+  same=16000 many=70000 bomb=$((1 << 30)) units=20000
+fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hostile-stores.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -92,6 +99,22 @@ g++ -O2 -c deep.cpp -o deep_full.o
 objcopy --strip-unneeded deep_full.o deep.o
 ./gen store deep_mangled.kdbg 0x10 deep.o $text 0x1000
 
+# Unit k's table starts at entry k, whose code k is the unit's own: read
+# to the table's end for each unit, the tables would cost the square of
+# their size.
+awk -v n="$units" 'BEGIN {
+  print "\t.text\n\t.globl f\nf:\n\tret"
+  print "\t.section .debug_abbrev,\"\",@progbits"
+  for (i = 1; i <= n; i++) printf "a%d:\n\t.uleb128 %d, 0x11\n\t.byte 0\n\t.uleb128 0x3, 0x8\n\t.byte 0, 0\n", i, i
+  print "\t.byte 0"
+  print "\t.section .debug_info,\"\",@progbits"
+  for (i = 1; i <= n; i++) {
+    printf "\t.long u%d - . - 4\n\t.value 4\n\t.long a%d\n\t.byte 8\n\t.uleb128 %d\n\t.asciz \"u\"\nu%d:\n", i, i, i, i
+  }
+}' >shared.s
+gcc -c shared.s -o shared.o
+./gen store shared_abbrev.kdbg 0x10 shared.o $text 0x1000
+
 # The addresses asked of each store: code at the start, in the middle and at
 # the end of what is recorded, and one address outside every range.
 declare -A addrs=(
@@ -101,8 +124,9 @@ declare -A addrs=(
   [many_sections]="0x80001000 $(printf '0x%x 0x%x' $((text + 2 * many)) $((text + 4 * many - 1))) 0x7fff0000"
   [zlib_bomb]="0x80001000 0x80001002 0x7fff0000"
   [deep_mangled]="0x80001000 0x7fff0000"
+  [shared_abbrev]="0x80001000 0x7fff0000"
 )
-cases=(str_tail line_str_tail same_addr many_sections zlib_bomb deep_mangled)
+cases=(str_tail line_str_tail same_addr many_sections zlib_bomb deep_mangled shared_abbrev)
 
 # run CASE LABEL ARGS...: one table row for `kelodbg ARGS...`. The exit
 # code is the tool's (GNU time passes it on), or sigN when a signal ended it.

@@ -4,6 +4,7 @@
 #include <elfutils/libdw.h>
 #include <gelf.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace kelo_symbolize {
@@ -171,7 +172,7 @@ const Elf_Data* abbrevSection(Elf* elf) {
 
 }  // namespace
 
-DieWalker::DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, std::initializer_list<int> tags) : cu_(unitDie.cu) {
+DieWalker::DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, AbbrevTables& tables) : cu_(unitDie.cu) {
   Dwarf_Half version = 0;
   Dwarf_Off abbrevOffset = 0;
   uint8_t addressSize = 0, offsetSize = 0;
@@ -201,10 +202,8 @@ DieWalker::DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, std::initializer_list<int
   }
   unit_ = static_cast<const unsigned char*>(unitDie.addr) - inUnit;
 
-  // The unit's abbreviations, decoded once from the bytes libdw reads
-  // (inflated by then, if they were compressed).
-  Elf* elf = dwarf_getelf(dwarf);
-  if (elf == nullptr || !readAbbrevs(abbrevSection(elf), abbrevOffset, tags)) return;
+  table_ = tables.get(abbrevOffset, addressSize_, offsetSize_, version_);
+  if (table_ == nullptr) return;
 
   // Past the unit's own DIE, to its children.
   end_ = unit_ + (next - unitOffset);
@@ -218,62 +217,84 @@ DieWalker::DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, std::initializer_list<int
   depth_ = abbrev->children ? 1 : 0;
 }
 
-bool DieWalker::readAbbrevs(const Elf_Data* section, uint64_t offset, std::initializer_list<int> tags) {
-  if (section == nullptr || section->d_buf == nullptr || offset >= section->d_size) return false;
-  const unsigned char* p = static_cast<const unsigned char*>(section->d_buf) + offset;
-  const unsigned char* end = static_cast<const unsigned char*>(section->d_buf) + section->d_size;
+AbbrevTables::AbbrevTables(Elf* elf, std::initializer_list<int> tags)
+    : section_(elf != nullptr ? abbrevSection(elf) : nullptr), tags_(tags) {
+  if (section_ != nullptr && section_->d_buf != nullptr) budget_ = 4 * uint64_t{section_->d_size} + 65536;
+}
+
+const AbbrevTable* AbbrevTables::get(uint64_t offset, unsigned addressSize, unsigned offsetSize, unsigned version) {
+  auto inserted = tables_.emplace(std::make_tuple(offset, addressSize, offsetSize, version), nullptr);
+  if (!inserted.second) return inserted.first->second.get();
+  if (section_ == nullptr || section_->d_buf == nullptr || offset >= section_->d_size) return nullptr;
+  const unsigned char* start = static_cast<const unsigned char*>(section_->d_buf) + offset;
+  // Reading stops where the bound does.
+  const unsigned char* end = start + std::min<uint64_t>(section_->d_size - offset, budget_);
+  const unsigned char* p = start;
+  auto table = std::make_unique<AbbrevTable>();
+  bool complete = false;
   for (;;) {
     uint64_t code = 0, tag = 0;
-    if (!readUleb(p, end, &code)) return false;
-    if (code == 0) return true;
-    if (!readUleb(p, end, &tag) || p >= end) return false;
-    Abbrev a;
-    a.firstSpec = static_cast<uint32_t>(specs_.size());
+    if (!readUleb(p, end, &code)) break;
+    if (code == 0) {
+      complete = true;
+      break;
+    }
+    if (!readUleb(p, end, &tag) || p >= end) break;
+    AbbrevTable::Abbrev a;
+    a.firstSpec = static_cast<uint32_t>(table->specs.size());
     a.tag = tag <= 0xffff ? static_cast<int>(tag) : 0;
     a.children = *p++ != 0;
-    for (int t : tags) a.locate |= t == a.tag;
+    for (int t : tags_) a.locate |= t == a.tag;
     uint64_t fixed = 0;
-    bool allFixed = true;
+    bool allFixed = true, ended = false;
     for (;;) {
       uint64_t name = 0, form = 0;
-      if (!readUleb(p, end, &name) || !readUleb(p, end, &form)) return false;
-      if (name == 0 && form == 0) break;
+      if (!readUleb(p, end, &name) || !readUleb(p, end, &form)) break;
+      if (name == 0 && form == 0) {
+        ended = true;
+        break;
+      }
       int64_t implicit = 0;
-      if (form == DW_FORM_implicit_const && !readSleb(p, end, &implicit)) return false;
+      if (form == DW_FORM_implicit_const && !readSleb(p, end, &implicit)) break;
       const uint8_t slot = slotOf(name);
-      a.locate |= slot == kSibling;
+      a.locate |= slot == DieWalker::kSibling;
       const auto f = static_cast<uint32_t>(form <= 0xffff ? form : kUnknown);
-      specs_.push_back({f, slot, implicit});
+      table->specs.push_back({f, slot, implicit});
       ++a.specCount;
-      const unsigned size = formSize(f, addressSize_, offsetSize_, version_);
+      const unsigned size = formSize(f, addressSize, offsetSize, version);
       if (size >= kUnknown) {
         allFixed = false;
       } else {
         fixed += size;
       }
     }
+    if (!ended) break;
     if (allFixed && fixed < (uint64_t{1} << 31)) a.fixedSize = static_cast<int64_t>(fixed);
     // The first of two abbreviations with one code counts, as for libdw.
-    const auto index = static_cast<uint32_t>(abbrevs_.size() + 1);
+    const auto index = static_cast<uint32_t>(table->abbrevs.size() + 1);
     if (code < (1u << 16)) {
-      if (byCode_.size() <= code) byCode_.resize(code + 1, 0);
-      if (byCode_[code] == 0) byCode_[code] = index;
+      if (table->byCode.size() <= code) table->byCode.resize(code + 1, 0);
+      if (table->byCode[code] == 0) table->byCode[code] = index;
     } else {
-      byLargeCode_.emplace(code, index);
+      table->byLargeCode.emplace(code, index);
     }
-    abbrevs_.push_back(a);
+    table->abbrevs.push_back(a);
   }
+  budget_ -= static_cast<uint64_t>(p - start);
+  if (!complete) return nullptr;
+  inserted.first->second = std::move(table);
+  return inserted.first->second.get();
 }
 
 const DieWalker::Abbrev* DieWalker::find(uint64_t code) const {
   size_t index = 0;
-  if (code < byCode_.size()) {
-    index = byCode_[code];
+  if (code < table_->byCode.size()) {
+    index = table_->byCode[code];
   } else if (code >= (1u << 16)) {
-    auto it = byLargeCode_.find(code);
-    if (it != byLargeCode_.end()) index = it->second;
+    auto it = table_->byLargeCode.find(code);
+    if (it != table_->byLargeCode.end()) index = it->second;
   }
-  return index == 0 ? nullptr : &abbrevs_[index - 1];
+  return index == 0 ? nullptr : &table_->abbrevs[index - 1];
 }
 
 bool DieWalker::readCode(uint64_t* code) {
@@ -344,9 +365,9 @@ bool DieWalker::passAttributes(const Abbrev& abbrev, bool locate) {
     pos_ += abbrev.fixedSize;
     return true;
   }
-  const Spec* spec = specs_.data() + abbrev.firstSpec;
-  for (const Spec* last = spec + abbrev.specCount; spec != last; ++spec) {
-    const Spec& s = *spec;
+  const AbbrevTable::Spec* spec = table_->specs.data() + abbrev.firstSpec;
+  for (const AbbrevTable::Spec* last = spec + abbrev.specCount; spec != last; ++spec) {
+    const AbbrevTable::Spec& s = *spec;
     unsigned form = s.form;
     if (form == DW_FORM_indirect) {
       uint64_t actual = 0;

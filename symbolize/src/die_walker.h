@@ -1,4 +1,3 @@
-// A fast, forward-only reader of the DIEs of one unit.
 #ifndef KELO_SYMBOLIZE_DIE_WALKER_H_
 #define KELO_SYMBOLIZE_DIE_WALKER_H_
 
@@ -8,12 +7,56 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
+#include <memory>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
 namespace kelo_symbolize {
 namespace internal {
 
+// The abbreviations of a unit, decoded.
+struct AbbrevTable {
+  struct Spec {
+    uint32_t form;  // DW_FORM_*
+    uint8_t slot;   // a DieWalker::Attr, or kAttrCount
+    int64_t implicit;
+  };
+  struct Abbrev {
+    int tag = 0;
+    bool children = false;
+    bool locate = false;                    // attributes are located for this DIE
+    int64_t fixedSize = -1;                 // bytes of the attributes when all are fixed, else -1
+    uint32_t firstSpec = 0, specCount = 0;  // in specs
+  };
+  std::vector<Abbrev> abbrevs;
+  std::vector<Spec> specs;       // every abbreviation's attributes, one after the other
+  std::vector<uint32_t> byCode;  // small codes: index + 1 in abbrevs, 0 for none
+  std::unordered_map<uint64_t, uint32_t> byLargeCode;
+};
+
+// The abbreviation tables of one object's units, each decoded once (units
+// may share one), from the bytes libdw reads. Decoding is bounded: all
+// tables together read at most a few times the section, however many
+// units point where into it.
+class AbbrevTables {
+ public:
+  // Attributes will be located for DIEs with one of `tags`.
+  AbbrevTables(Elf* elf, std::initializer_list<int> tags);
+  // The table at `offset` for units of that shape; null if it cannot be
+  // read or the bound is reached.
+  const AbbrevTable* get(uint64_t offset, unsigned addressSize, unsigned offsetSize, unsigned version);
+
+ private:
+  const Elf_Data* section_ = nullptr;
+  std::vector<int> tags_;
+  uint64_t budget_ = 0;  // bytes that decoding may still read
+  std::map<std::tuple<uint64_t, unsigned, unsigned, unsigned>, std::unique_ptr<AbbrevTable>> tables_;
+};
+
+// A fast, forward-only reader of the DIEs of one unit.
+//
 // Walks a unit's DIEs in order straight from libdw's bytes of the unit
 // (relocated and inflated as libdw reads them), with the unit's
 // abbreviations decoded once. Passing over a DIE costs a table lookup, or
@@ -48,9 +91,10 @@ class DieWalker {
     kAttrCount
   };
 
-  // Prepares a walk of the children of `unitDie`. Attributes are located
-  // for DIEs with one of `tags` only; the others are passed over.
-  DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, std::initializer_list<int> tags);
+  // Prepares a walk of the children of `unitDie`, with its abbreviations
+  // from `tables`. Attributes are located for DIEs with one of the tables'
+  // tags only; the others are passed over.
+  DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, AbbrevTables& tables);
 
   // Moves to the next DIE below the unit's DIE, depth first; false at the
   // unit's end or at a DIE that cannot be read.
@@ -79,20 +123,7 @@ class DieWalker {
   bool isAddress(Attr a) const noexcept;
 
  private:
-  struct Spec {
-    uint32_t form;  // DW_FORM_*
-    uint8_t slot;   // an Attr, or kAttrCount
-    int64_t implicit;
-  };
-  struct Abbrev {
-    int tag = 0;
-    bool children = false;
-    bool locate = false;                    // attributes are located for this DIE
-    int64_t fixedSize = -1;                 // bytes of the attributes when all are fixed, else -1
-    uint32_t firstSpec = 0, specCount = 0;  // in specs_
-  };
-
-  bool readAbbrevs(const Elf_Data* section, uint64_t offset, std::initializer_list<int> tags);
+  using Abbrev = AbbrevTable::Abbrev;
   const Abbrev* find(uint64_t code) const;
   bool readCode(uint64_t* code);
   // Moves past the attributes of a DIE of `abbrev` at pos_, locating them
@@ -114,10 +145,7 @@ class DieWalker {
   const unsigned char* end_ = nullptr;
   unsigned addressSize_ = 8, offsetSize_ = 4, version_ = 4;
   bool bigEndian_ = false;
-  std::vector<Abbrev> abbrevs_;
-  std::vector<Spec> specs_;       // every abbreviation's attributes, one after the other
-  std::vector<uint32_t> byCode_;  // small codes: index + 1 in abbrevs_, 0 for none
-  std::unordered_map<uint64_t, uint32_t> byLargeCode_;
+  const AbbrevTable* table_ = nullptr;
 
   // The current DIE.
   const unsigned char* die_ = nullptr;

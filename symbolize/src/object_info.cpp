@@ -93,6 +93,7 @@ struct ObjectInfo::Session {
   Dwarf* ownDwarf = nullptr;  // linked files, read as they are
   Dwarf* dwarf = nullptr;     // whichever of the two
   Dwarf_Addr bias = 0;
+  std::unique_ptr<AbbrevTables> abbrevs;  // the units' abbreviations, decoded on demand
 
   ~Session() {
     if (ownDwarf != nullptr) dwarf_end(ownDwarf);
@@ -495,8 +496,12 @@ bool ObjectInfo::indexUnit(Unit& unit) {
   };
 
   using W = DieWalker;
-  DieWalker walker(s->dwarf, cuDie,
-                   {DW_TAG_subprogram, DW_TAG_inlined_subroutine, DW_TAG_entry_point, DW_TAG_variable});
+  if (s->abbrevs == nullptr) {
+    s->abbrevs = std::make_unique<AbbrevTables>(
+        dwarf_getelf(s->dwarf),
+        std::initializer_list<int>{DW_TAG_subprogram, DW_TAG_inlined_subroutine, DW_TAG_entry_point, DW_TAG_variable});
+  }
+  DieWalker walker(s->dwarf, cuDie, *s->abbrevs);
   // The function DIE enclosing the DIEs at each depth (-1: none).
   std::vector<int32_t> enclosingAt(2, -1);
   while (walker.next()) {
