@@ -28,8 +28,9 @@
 #   first  the first answer from a list of 1,000 stored objects, against a
 #          list of one: the whole run of `kelodbg addr2line FILE ADDRESS`,
 #          and `kelodbg check` on the same file (reading it alone)
-# Times are the best of 3 runs (1 with --quick); "ours/GNU" is our time
-# over binutils' (below 1: ours is faster). eu-addr2line spends most of its
+# Times are processor times (user and system), the best of 3 runs (1 with
+# --quick); "ours/GNU" is our time over binutils' (below 1: ours is
+# faster). eu-addr2line spends most of its
 # time per address, so it answers 2,000 addresses (200) and its time is
 # scaled to the full count (marked "scaled"). Outputs are checked: the
 # file:line chain of every answer must be binutils' or LLVM's (names are
@@ -63,19 +64,18 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/symbolize-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-now() { date +%s%N; }
-# best_of INPUT CMD...: the best wall time in seconds of $runs runs of CMD
-# reading INPUT; output to out.txt.
+# best_of INPUT CMD...: the least processor time (user and system, in
+# seconds) of $runs runs of CMD reading INPUT; output to out.txt. Processor
+# time rather than wall time: the machines this runs on are often shared,
+# and another tenant's work lengthens the wall time of every run.
 best_of() {
-  local input=$1 best= start t i
+  local input=$1 best= t i
   shift
   for ((i = 0; i < runs; i++)); do
-    start=$(now)
-    "$@" <"$input" >out.txt
-    t=$(($(now) - start))
+    t=$( { TIMEFORMAT='%3U %3S'; time "$@" <"$input" >out.txt; } 2>&1 >/dev/null | tail -n 1 | awk '{ printf "%d", ($1 + $2) * 1000 }')
     [[ -z $best || $t -lt $best ]] && best=$t
   done
-  awk -v ns="$best" 'BEGIN { printf "%.3f", ns / 1e9 }'
+  awk -v ms="$best" 'BEGIN { printf "%.3f", ms / 1000 }'
 }
 
 # addresses PROGRAM KDBG N: N addresses drawn (with repeats) from the
@@ -267,5 +267,5 @@ cmp -s first1000.txt out.txt && grep -qx crunch out.txt || { echo "first: answer
 # Reading the file alone (every image loaded by the debug-info library).
 tread=$(best_of /dev/null "$kelodbg" check -q first1000.kdbg)
 awk -v a="$t1000" -v b="$t1" -v r="$tread" -v s="$(stat -c %s first1000.kdbg)" 'BEGIN {
-  printf "first         1 address    1,000 entries (%.1f MB file) %.1f ms, of which reading the file %.1f ms; 1 entry %.1f ms (whole kelodbg runs)\n",
+  printf "first         1 address    1,000 entries (%.1f MB file) %.1f ms, of which reading the file %.1f ms; 1 entry %.1f ms (whole kelodbg runs, processor time)\n",
          s / 1048576, a * 1000, r * 1000, b * 1000 }'
