@@ -57,7 +57,26 @@ uint8_t slotOf(unsigned name) {
 
 // The size of a value of `form`, kVariable where the value says it, or
 // kUnknown for a form this reader does not know.
+// Whether a value of `form` is one LEB128 number.
+bool isLeb(unsigned form) {
+  switch (form) {
+    case DW_FORM_udata:
+    case DW_FORM_sdata:
+    case DW_FORM_ref_udata:
+    case DW_FORM_strx:
+    case DW_FORM_addrx:
+    case DW_FORM_loclistx:
+    case DW_FORM_rnglistx:
+    case DW_FORM_GNU_addr_index:
+    case DW_FORM_GNU_str_index:
+      return true;
+    default:
+      return false;
+  }
+}
+
 unsigned formSize(unsigned form, unsigned addressSize, unsigned offsetSize, unsigned version) {
+  if (isLeb(form)) return kVariable;
   switch (form) {
     case DW_FORM_flag_present:
     case DW_FORM_implicit_const:
@@ -100,15 +119,6 @@ unsigned formSize(unsigned form, unsigned addressSize, unsigned offsetSize, unsi
     case DW_FORM_GNU_ref_alt:
     case DW_FORM_GNU_strp_alt:
       return offsetSize;
-    case DW_FORM_udata:
-    case DW_FORM_sdata:
-    case DW_FORM_ref_udata:
-    case DW_FORM_strx:
-    case DW_FORM_addrx:
-    case DW_FORM_loclistx:
-    case DW_FORM_rnglistx:
-    case DW_FORM_GNU_addr_index:
-    case DW_FORM_GNU_str_index:
     case DW_FORM_string:
     case DW_FORM_block1:
     case DW_FORM_block2:
@@ -317,6 +327,7 @@ uint64_t DieWalker::readFixed(const unsigned char* p, unsigned size) const noexc
 bool DieWalker::passForm(unsigned form) {
   const size_t left = static_cast<size_t>(end_ - pos_);
   uint64_t length = 0;
+  if (isLeb(form)) return readUleb(pos_, end_, &length);
   switch (form) {
     case DW_FORM_string: {
       const void* nul = std::memchr(pos_, 0, left);
@@ -337,16 +348,6 @@ bool DieWalker::passForm(unsigned form) {
     case DW_FORM_exprloc:
       if (!readUleb(pos_, end_, &length)) return false;
       break;
-    case DW_FORM_udata:
-    case DW_FORM_sdata:
-    case DW_FORM_ref_udata:
-    case DW_FORM_strx:
-    case DW_FORM_addrx:
-    case DW_FORM_loclistx:
-    case DW_FORM_rnglistx:
-    case DW_FORM_GNU_addr_index:
-    case DW_FORM_GNU_str_index:
-      return readUleb(pos_, end_, &length);
     default: {
       const unsigned size = formSize(form, addressSize_, offsetSize_, version_);
       if (size >= kUnknown || size > left) return false;
