@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <cstring>
+
 #include <fmt/format.h>
 
 namespace kelodbg {
@@ -73,12 +75,28 @@ struct PlainBytes {
 };
 constexpr PlainBytes kPlain;
 
+// Whether any of the eight bytes of `w` is not plain: below 0x20, 0x7F and
+// above, the quote or the backslash. Exact for "none"; a word it flags is
+// looked at byte by byte.
+bool anyNotPlain(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+  auto hasZero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+  // Bytes below 0x20 (exact once the high bytes are flagged on their own).
+  const uint64_t low = (w - kOnes * 0x20) & ~w & kHigh;
+  return ((w & kHigh) | low | hasZero(w ^ (kOnes * '"')) | hasZero(w ^ (kOnes * '\\')) | hasZero(w ^ (kOnes * 0x7F))) !=
+         0;
+}
+
 void appendJsonString(std::string& out, absl::string_view s) {
   out.reserve(out.size() + s.size() + 2);
   out += '"';
   for (size_t i = 0; i < s.size();) {
     // Runs of plain ASCII go in one piece.
     size_t run = i;
+    for (uint64_t w; run + 8 <= s.size(); run += 8) {
+      std::memcpy(&w, s.data() + run, 8);
+      if (anyNotPlain(w)) break;
+    }
     while (run < s.size() && kPlain.plain[static_cast<unsigned char>(s[run])]) ++run;
     if (run > i) {
       out.append(s.data() + i, run - i);
