@@ -251,7 +251,7 @@ const AbbrevTable* AbbrevTables::get(uint64_t offset, unsigned addressSize, unsi
     }
     if (!readUleb(p, end, &tag) || p >= end) break;
     AbbrevTable::Abbrev a;
-    a.firstSpec = static_cast<uint32_t>(table->specs.size());
+    a.firstForm = static_cast<uint32_t>(table->forms.size());
     a.tag = tag <= 0xffff ? static_cast<int>(tag) : 0;
     a.children = *p++ != 0;
     for (int t : tags_) a.locate |= t == a.tag;
@@ -269,8 +269,8 @@ const AbbrevTable* AbbrevTables::get(uint64_t offset, unsigned addressSize, unsi
       const uint8_t slot = slotOf(name);
       a.locate |= slot == DieWalker::kSibling;
       const auto f = static_cast<uint32_t>(form <= 0xffff ? form : kUnknown);
-      table->specs.push_back({f, slot, implicit});
-      ++a.specCount;
+      table->forms.push_back({f, slot, implicit});
+      ++a.formCount;
       const unsigned size = formSize(f, addressSize, offsetSize, version);
       if (size >= kUnknown) {
         allFixed = false;
@@ -366,9 +366,9 @@ bool DieWalker::passAttributes(const Abbrev& abbrev, bool locate) {
     pos_ += abbrev.fixedSize;
     return true;
   }
-  const AbbrevTable::Spec* spec = table_->specs.data() + abbrev.firstSpec;
-  for (const AbbrevTable::Spec* last = spec + abbrev.specCount; spec != last; ++spec) {
-    const AbbrevTable::Spec& s = *spec;
+  const AbbrevTable::AttrForm* next = table_->forms.data() + abbrev.firstForm;
+  for (const AbbrevTable::AttrForm* last = next + abbrev.formCount; next != last; ++next) {
+    const AbbrevTable::AttrForm& s = *next;
     unsigned form = s.form;
     if (form == DW_FORM_indirect) {
       uint64_t actual = 0;

@@ -18,7 +18,7 @@ namespace internal {
 
 // The abbreviations of a unit, decoded.
 struct AbbrevTable {
-  struct Spec {
+  struct AttrForm {
     uint32_t form;  // DW_FORM_*
     uint8_t slot;   // a DieWalker::Attr, or kAttrCount
     int64_t implicit;
@@ -28,10 +28,10 @@ struct AbbrevTable {
     bool children = false;
     bool locate = false;                    // attributes are located for this DIE
     int64_t fixedSize = -1;                 // bytes of the attributes when all are fixed, else -1
-    uint32_t firstSpec = 0, specCount = 0;  // in specs
+    uint32_t firstForm = 0, formCount = 0;  // in forms
   };
   std::vector<Abbrev> abbrevs;
-  std::vector<Spec> specs;       // every abbreviation's attributes, one after the other
+  std::vector<AttrForm> forms;   // every abbreviation's attributes, one after the other
   std::vector<uint32_t> byCode;  // small codes: index + 1 in abbrevs, 0 for none
   std::unordered_map<uint64_t, uint32_t> byLargeCode;
 };
