@@ -7,6 +7,8 @@
 #include <tuple>
 #include <utility>
 
+#include "search.h"
+
 namespace kelo_symbolize {
 namespace internal {
 
@@ -86,9 +88,8 @@ void AddressMap::finish() {
 }
 
 size_t AddressMap::find(uint64_t address) const noexcept {
-  auto after =
-      std::upper_bound(pieces_.begin(), pieces_.end(), address, [](uint64_t a, const Piece& p) { return a < p.start; });
-  return after == pieces_.begin() ? kNone : (after - 1)->range;
+  const size_t before = countNotAfter(pieces_, address, [](const Piece& p) { return p.start; });
+  return before == 0 ? kNone : pieces_[before - 1].range;
 }
 
 }  // namespace internal

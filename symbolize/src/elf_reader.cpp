@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "search.h"
+
 namespace kelo_symbolize {
 namespace internal {
 
@@ -115,12 +117,16 @@ bool betterAtSameOffset(const CodeSymbol& best, const CodeSymbol& candidate, uin
 }  // namespace
 
 const CodeSymbol* bestSymbol(const std::vector<CodeSymbol>& symbols, uint64_t offset) noexcept {
-  auto after = std::upper_bound(symbols.begin(), symbols.end(), offset,
-                                [](uint64_t off, const CodeSymbol& s) { return off < s.offset; });
+  auto after = symbols.begin() +
+               static_cast<ptrdiff_t>(countNotAfter(symbols, offset, [](const CodeSymbol& s) { return s.offset; }));
   if (after == symbols.begin()) return nullptr;
   const uint64_t at = (after - 1)->offset;
-  auto first =
-      std::lower_bound(symbols.begin(), after, at, [](const CodeSymbol& s, uint64_t off) { return s.offset < off; });
+  // Most offsets have one symbol; the first of several is searched for.
+  auto first = after - 1;
+  if (first != symbols.begin() && (first - 1)->offset == at) {
+    first =
+        std::lower_bound(symbols.begin(), first, at, [](const CodeSymbol& s, uint64_t off) { return s.offset < off; });
+  }
   const CodeSymbol* best = &*first;
   for (auto it = first + 1; it != after; ++it) {
     if (betterAtSameOffset(*best, *it, offset)) best = &*it;

@@ -14,6 +14,7 @@
 #include "address_map.h"
 #include "demangle.h"
 #include "die_walker.h"
+#include "search.h"
 
 namespace kelo_symbolize {
 namespace internal {
@@ -705,23 +706,35 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
   // Only a row of the section's own sequences gives a line: the row before
   // the address must lie in the section and not end a sequence.
   const Row* row = nullptr;
-  const size_t rowsBefore =
-      static_cast<size_t>(std::upper_bound(unit.rowAddrs.begin(), unit.rowAddrs.end(), at) - unit.rowAddrs.begin());
+  const size_t rowsBefore = countNotAfter(unit.rowAddrs, at);
   if (rowsBefore > 0) {
     const Row& before = unit.rows[rowsBefore - 1];
     if (!before.end && before.addr >= low) row = &before;
   }
 
   int32_t node = -1;
-  const size_t piecesBefore = static_cast<size_t>(
-      std::upper_bound(unit.pieceStarts.begin(), unit.pieceStarts.end(), at) - unit.pieceStarts.begin());
+  const size_t piecesBefore = countNotAfter(unit.pieceStarts, at);
   if (piecesBefore > 0) node = unit.pieces[piecesBefore - 1].node;
   if (row == nullptr && node < 0) return false;
 
+  // The function the code belongs to is named as a linked program's symbol
+  // table names it, clone and split-part suffixes included, where a symbol
+  // of the section covers the address; where the DWARF knows no function,
+  // by the nearest symbol before it. Inlined frames are named by the DWARF.
+  const CodeSymbol* sym = symbolAt(section, offset);
+  const bool symbolNamesOuter = sym != nullptr && (sym->covers(offset) || node < 0);
+  auto outermost = [&unit](int32_t index) {
+    return index < 0 || !unit.nodes[static_cast<size_t>(index)].inlined ||
+           unit.nodes[static_cast<size_t>(index)].parent < 0;
+  };
+  auto nameOf = [&](int32_t index) -> const std::string* {
+    if (symbolNamesOuter && outermost(index)) return sym->kept;
+    return index >= 0 ? unit.nodes[static_cast<size_t>(index)].name : nullptr;
+  };
+
   // Innermost first: the function at the address, then each inlined
   // function's caller, standing at the call site recorded in the inlined
-  // DIE. Every frame is named by the DWARF here; the outermost one may take
-  // the symbol's name below.
+  // DIE.
   static const std::string kNoName;
   auto fileName = [&unit](uint32_t file) -> const std::string& {
     return file < unit.files.size() ? *unit.files[file] : kNoName;
@@ -746,13 +759,13 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
     first.column = row->column;
     first.discriminator = row->discriminator;
   }
-  setFunction(first, node >= 0 ? unit.nodes[static_cast<size_t>(node)].name : nullptr);
+  setFunction(first, nameOf(node));
   setStart(first, node);
   for (int32_t cur = node; cur >= 0;) {
     const Node& inlined = unit.nodes[static_cast<size_t>(cur)];
     if (!inlined.inlined || inlined.parent < 0) break;
     Frame& frame = addFrame(loc);
-    setFunction(frame, unit.nodes[static_cast<size_t>(inlined.parent)].name);
+    setFunction(frame, nameOf(inlined.parent));
     setStart(frame, inlined.parent);
     frame.file = fileName(inlined.callFile);
     frame.line = inlined.callLine;
@@ -761,16 +774,9 @@ bool ObjectInfo::describeFromUnit(Unit& unit, uint64_t at, uint64_t low, size_t 
     cur = inlined.parent;
   }
 
-  // The function the code belongs to is named as a linked program's symbol
-  // table names it, clone and split-part suffixes included, where a symbol
-  // of the section covers the address; where the DWARF knows no function,
-  // by the nearest symbol before it.
-  if (const CodeSymbol* sym = symbolAt(section, offset)) {
+  if (sym != nullptr) {
     Frame& outer = loc.frames[framesUsed_ - 1];
-    if (sym->covers(offset) || node < 0) {
-      setFunction(outer, sym->kept);
-      startAtSymbol(outer, *sym, offset);
-    }
+    if (symbolNamesOuter) startAtSymbol(outer, *sym, offset);
     if (row == nullptr && framesUsed_ == 1 && sym->file != nullptr) outer.file = sym->file;
   }
   return true;
@@ -833,8 +839,8 @@ void ObjectInfo::describeAny(size_t section, uint64_t offset, Location& loc) {
     // The units holding the address, in their order in the file.
     std::vector<size_t>& candidates = candidates_;  // reused: no allocation per address
     candidates.clear();
-    auto after = std::upper_bound(unitPieces_.begin(), unitPieces_.end(), at,
-                                  [](uint64_t a, const UnitPiece& p) { return a < p.start; });
+    auto after = unitPieces_.begin() +
+                 static_cast<ptrdiff_t>(countNotAfter(unitPieces_, at, [](const UnitPiece& p) { return p.start; }));
     for (auto it = after; it != unitPieces_.begin() && (it - 1)->maxEnd > at; --it) {
       if ((it - 1)->end > at) candidates.push_back((it - 1)->unit);
     }

@@ -15,7 +15,7 @@ using kelo_symbolize::Frame;
 void appendNumber(std::string& out, uint64_t value, int base = 10) {
   char digits[24];
   const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
-  out.append(digits, end.ptr);
+  out.append(digits, static_cast<size_t>(end.ptr - digits));
 }
 
 std::string hex(uint64_t value) {
@@ -26,6 +26,14 @@ std::string hex(uint64_t value) {
 
 const std::string& nameOf(const Frame& frame, const AnswerOptions& options) {
   return options.demangle ? frame.demangled : frame.function;
+}
+
+void appendName(const std::string& name, std::string& out) {
+  if (name.empty()) {
+    out += "??";
+  } else {
+    out += name;
+  }
 }
 
 void appendFile(const std::string& file, const AnswerOptions& options, std::string& out) {
@@ -108,7 +116,7 @@ void appendText(const Answer& answer, const AnswerOptions& options, unsigned bit
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, answer.address, 16);
     out += "0x";
     out.append(bits / 4 - std::min<size_t>(bits / 4, static_cast<size_t>(end.ptr - digits)), '0');
-    out.append(digits, end.ptr);
+    out.append(digits, static_cast<size_t>(end.ptr - digits));
     out += options.pretty ? ": " : "\n";
   }
   if (options.where) {
@@ -126,7 +134,7 @@ void appendText(const Answer& answer, const AnswerOptions& options, unsigned bit
     if (i > 0 && options.pretty) out += " (inlined by) ";
     if (options.functions) {
       const std::string& name = nameOf(frames[i], options);
-      out += name.empty() ? "??" : name;
+      appendName(name, out);
       out += options.pretty ? " at " : "\n";
     }
     appendPlace(frames[i], options, frames[0].discriminator, out);
@@ -154,7 +162,7 @@ void appendStackText(const Answer& answer, const AnswerOptions& options, std::st
   for (size_t i = 0; i < frames.size(); ++i) {
     out += i == 0 ? "    " : "    (inlined by) ";
     const std::string& name = nameOf(frames[i], options);
-    out += name.empty() ? "??" : name;
+    appendName(name, out);
     out += " at ";
     appendPlace(frames[i], options, 0, out);
     out += '\n';

@@ -42,11 +42,34 @@ struct Scratch {
   }
 };
 
+// The value of a hex digit, or -1.
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// `text` read as strtoull reads it in base 16. The usual form, 0x and at
+// most 16 digits, is read here; anything else (blanks, a sign, more digits,
+// none) by strtoull itself.
+uint64_t parseHex(const char* text) {
+  const char* p = text;
+  if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) p += 2;
+  uint64_t value = 0;
+  int digits = 0;
+  for (int d = hexDigit(*p); d >= 0; d = hexDigit(*++p)) {
+    if (++digits > 16) return std::strtoull(text, nullptr, 16);
+    value = value << 4 | static_cast<uint64_t>(d);
+  }
+  return digits > 0 ? value : std::strtoull(text, nullptr, 16);
+}
+
 void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
             std::FILE* file, Json* all) {
   // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
   // cut to the width of the program's addresses.
-  uint64_t address = std::strtoull(text, nullptr, 16);
+  uint64_t address = parseHex(text);
   const unsigned bits = symbolizer.addressBits();
   if (bits == 32) address &= 0xffffffffu;
   Answer& a = scratch.answer;
