@@ -4,6 +4,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <queue>
@@ -503,6 +504,27 @@ bool ObjectInfo::indexUnit(Unit& unit) {
         std::initializer_list<int>{DW_TAG_subprogram, DW_TAG_inlined_subroutine, DW_TAG_entry_point, DW_TAG_variable});
   }
   DieWalker walker(s->dwarf, cuDie, *s->abbrevs);
+  // The name and declaration a function DIE carries itself are read where
+  // the walker found them; libdw follows references only where the answer
+  // may lie elsewhere (a linkage name on the declaration or the origin).
+  auto ownNameOf = [&](Dwarf_Die& die) -> const std::string* {
+    Dwarf_Attribute attr;
+    const char* name = nullptr;
+    if (walker.attribute(W::kLinkageName, &attr)) {
+      name = dwarf_formstring(&attr);
+    } else if (!walker.has(W::kAbstractOrigin) && !walker.has(W::kSpecification)) {
+      if (walker.attribute(W::kMipsLinkageName, &attr)) name = dwarf_formstring(&attr);
+      if (name == nullptr && walker.attribute(W::kName, &attr)) name = dwarf_formstring(&attr);
+      return name != nullptr ? intern(name) : nullptr;
+    }
+    return name != nullptr ? intern(name) : nameOf(die);
+  };
+  auto ownDeclOf = [&](uint32_t& file, uint32_t& line) {
+    const uint64_t declFile = walker.udata(W::kDeclFile);
+    if (files != nullptr && declFile < fileCount) file = fileOf(dwarf_filesrc(files, declFile, nullptr, nullptr));
+    const uint64_t declLine = walker.udata(W::kDeclLine);
+    if (declLine > 0 && declLine <= INT_MAX) line = static_cast<uint32_t>(declLine);
+  };
   // The function DIE enclosing the DIEs at each depth (-1: none).
   std::vector<int32_t> enclosingAt(2, -1);
   while (walker.next()) {
@@ -553,13 +575,15 @@ bool ObjectInfo::indexUnit(Unit& unit) {
           from = &origins[dwarf_dieoffset(&origin)];
         }
         if (ownName || from == nullptr) {
-          n.name = nameOf(die);
+          n.name = ownNameOf(die);
         } else {
           if (!from->named) from->name = nameOf(die);
           from->named = true;
           n.name = from->name;
         }
-        if (ownDecl) {
+        if (walker.has(W::kDeclFile) && walker.has(W::kDeclLine)) {
+          ownDeclOf(n.declFile, n.declLine);
+        } else if (ownDecl) {
           declOf(die, n.declFile, n.declLine);
         } else if (from != nullptr) {
           if (!from->declared) declOf(die, from->declFile, from->declLine);
