@@ -441,23 +441,58 @@ bool DieWalker::next() {
 }
 
 uint64_t DieWalker::siblingOffset() const noexcept {
-  if (!has(kSibling)) return 0;
-  switch (form_[kSibling]) {
+  uint64_t offset = 0;
+  return localReference(kSibling, &offset) ? offset : 0;
+}
+
+bool DieWalker::localReference(Attr a, uint64_t* offset) const noexcept {
+  if (!has(a)) return false;
+  switch (form_[a]) {
     case DW_FORM_ref1:
-      return readFixed(valp_[kSibling], 1);
+      *offset = readFixed(valp_[a], 1);
+      return true;
     case DW_FORM_ref2:
-      return readFixed(valp_[kSibling], 2);
+      *offset = readFixed(valp_[a], 2);
+      return true;
     case DW_FORM_ref4:
-      return readFixed(valp_[kSibling], 4);
+      *offset = readFixed(valp_[a], 4);
+      return true;
     case DW_FORM_ref8:
-      return readFixed(valp_[kSibling], 8);
+      *offset = readFixed(valp_[a], 8);
+      return true;
     case DW_FORM_ref_udata: {
-      const unsigned char* p = valp_[kSibling];
-      uint64_t v = 0;
-      return readUleb(p, end_, &v) ? v : 0;
+      const unsigned char* p = valp_[a];
+      return readUleb(p, end_, offset);
     }
     default:
-      return 0;
+      return false;
+  }
+}
+
+bool DieWalker::readAt(uint64_t offset) {
+  if (unit_ == nullptr || offset >= static_cast<uint64_t>(end_ - unit_)) return false;
+  pos_ = unit_ + offset;
+  const unsigned char* start = pos_;
+  uint64_t code = 0;
+  const Abbrev* abbrev = readCode(&code) && code != 0 ? find(code) : nullptr;
+  present_ = 0;
+  if (abbrev == nullptr || !passAttributes(*abbrev, true)) return false;
+  die_ = start;
+  tag_ = abbrev->tag;
+  hasChildren_ = abbrev->children;
+  return true;
+}
+
+DieWalker::Found DieWalker::findAlongOrigins(Attr a, DieWalker& at) const {
+  at = *this;
+  for (int chain = 16;; --chain) {
+    if (at.has(a)) return Found::kFound;
+    const Attr ref = at.has(kAbstractOrigin) ? kAbstractOrigin : kSpecification;
+    if (!at.has(ref) || chain == 0) return Found::kNone;
+    uint64_t offset = 0;
+    if (!at.localReference(ref, &offset)) return Found::kElsewhere;
+    // A reference libdw cannot follow either ends its search.
+    if (!at.readAt(offset)) return Found::kNone;
   }
 }
 
@@ -479,12 +514,22 @@ bool DieWalker::attribute(Attr a, Dwarf_Attribute* out) const noexcept {
 }
 
 uint64_t DieWalker::udata(Attr a) const noexcept {
-  if (!has(a)) return 0;
-  if (form_[a] == DW_FORM_implicit_const) return static_cast<uint64_t>(implicit_[a]);
+  uint64_t value = 0;
+  return unsignedValue(a, &value) ? value : 0;
+}
+
+bool DieWalker::unsignedValue(Attr a, uint64_t* value) const noexcept {
+  if (!has(a)) return false;
+  if (form_[a] == DW_FORM_implicit_const) {
+    *value = static_cast<uint64_t>(implicit_[a]);
+    return true;
+  }
   Dwarf_Attribute attr;
-  Dwarf_Word value = 0;
+  Dwarf_Word word = 0;
   attribute(a, &attr);
-  return dwarf_formudata(&attr, &value) == 0 ? value : 0;
+  if (dwarf_formudata(&attr, &word) != 0) return false;
+  *value = word;
+  return true;
 }
 
 bool DieWalker::block(Attr a, const unsigned char** bytes, size_t* size) const noexcept {

@@ -116,11 +116,22 @@ class DieWalker {
   // An attribute's unsigned value, constants in the abbreviation included;
   // 0 when the DIE has none or it cannot be read.
   uint64_t udata(Attr a) const noexcept;
+  // The same, false where udata gives 0 for want of a value.
+  bool unsignedValue(Attr a, uint64_t* value) const noexcept;
   // The bytes of a block or expression attribute; false for other forms.
   bool block(Attr a, const unsigned char** bytes, size_t* size) const noexcept;
   // Whether the attribute's form holds an address (rather than an offset
   // from DW_AT_low_pc, for DW_AT_high_pc).
   bool isAddress(Attr a) const noexcept;
+
+  // Where libdw's dwarf_attr_integrate would find `a`: on the current DIE,
+  // else along its DW_AT_abstract_origin (or, lacking one,
+  // DW_AT_specification) references, at most 16 of them. On kFound `at` is
+  // a copy of this walker standing on the DIE that has it, for reading it;
+  // `at` is not walked on from there. kElsewhere: a reference leaves the
+  // unit (or takes a form read only by libdw), so libdw must be asked.
+  enum class Found { kFound, kNone, kElsewhere };
+  Found findAlongOrigins(Attr a, DieWalker& at) const;
 
  private:
   using Abbrev = AbbrevTable::Abbrev;
@@ -134,6 +145,12 @@ class DieWalker {
   uint64_t readFixed(const unsigned char* p, unsigned size) const noexcept;
   // The current DIE's DW_AT_sibling as an offset in the unit, 0 if none.
   uint64_t siblingOffset() const noexcept;
+  // The unit offset a reference attribute of a form local to the unit
+  // holds; false for other forms.
+  bool localReference(Attr a, uint64_t* offset) const noexcept;
+  // Makes the DIE at `offset` in the unit the current one, with all of its
+  // attributes located; false if it cannot be read.
+  bool readAt(uint64_t offset);
   bool fail() noexcept {
     pos_ = end_;
     return false;

@@ -504,26 +504,42 @@ bool ObjectInfo::indexUnit(Unit& unit) {
         std::initializer_list<int>{DW_TAG_subprogram, DW_TAG_inlined_subroutine, DW_TAG_entry_point, DW_TAG_variable});
   }
   DieWalker walker(s->dwarf, cuDie, *s->abbrevs);
-  // The name and declaration a function DIE carries itself are read where
-  // the walker found them; libdw follows references only where the answer
-  // may lie elsewhere (a linkage name on the declaration or the origin).
-  auto ownNameOf = [&](Dwarf_Die& die) -> const std::string* {
+  // A function DIE's name and declaration are found along its references
+  // by the walker, as libdw's dwarf_attr_integrate finds them; libdw itself
+  // is asked where a reference leaves the unit.
+  auto stringAlong = [&walker](W::Attr a, const char** out) {
+    DieWalker at(walker);
+    const W::Found found = walker.findAlongOrigins(a, at);
     Dwarf_Attribute attr;
-    const char* name = nullptr;
-    if (walker.attribute(W::kLinkageName, &attr)) {
-      name = dwarf_formstring(&attr);
-    } else if (!walker.has(W::kAbstractOrigin) && !walker.has(W::kSpecification)) {
-      if (walker.attribute(W::kMipsLinkageName, &attr)) name = dwarf_formstring(&attr);
-      if (name == nullptr && walker.attribute(W::kName, &attr)) name = dwarf_formstring(&attr);
-      return name != nullptr ? intern(name) : nullptr;
-    }
-    return name != nullptr ? intern(name) : nameOf(die);
+    *out = found == W::Found::kFound && at.attribute(a, &attr) ? dwarf_formstring(&attr) : nullptr;
+    return found;
   };
-  auto ownDeclOf = [&](uint32_t& file, uint32_t& line) {
-    const uint64_t declFile = walker.udata(W::kDeclFile);
-    if (files != nullptr && declFile < fileCount) file = fileOf(dwarf_filesrc(files, declFile, nullptr, nullptr));
-    const uint64_t declLine = walker.udata(W::kDeclLine);
-    if (declLine > 0 && declLine <= INT_MAX) line = static_cast<uint32_t>(declLine);
+  // A linkage name anywhere along the references, else the first plain
+  // name there.
+  auto chainNameOf = [&](Dwarf_Die& die) -> const std::string* {
+    const char* name = nullptr;
+    W::Found found = stringAlong(W::kLinkageName, &name);
+    if (found == W::Found::kNone) found = stringAlong(W::kMipsLinkageName, &name);
+    if (found != W::Found::kElsewhere && name == nullptr) found = stringAlong(W::kName, &name);
+    if (found == W::Found::kElsewhere) return nameOf(die);
+    return name != nullptr ? intern(name) : nullptr;
+  };
+  auto chainDeclOf = [&](Dwarf_Die& die, uint32_t& file, uint32_t& line) {
+    DieWalker fileAt(walker), lineAt(walker);
+    const W::Found fileFound = walker.findAlongOrigins(W::kDeclFile, fileAt);
+    const W::Found lineFound = walker.findAlongOrigins(W::kDeclLine, lineAt);
+    if (fileFound == W::Found::kElsewhere || lineFound == W::Found::kElsewhere) {
+      declOf(die, file, line);
+      return;
+    }
+    uint64_t value = 0;
+    if (files != nullptr && fileFound == W::Found::kFound && fileAt.unsignedValue(W::kDeclFile, &value) &&
+        value < fileCount) {
+      file = fileOf(dwarf_filesrc(files, value, nullptr, nullptr));
+    }
+    if (lineFound == W::Found::kFound && lineAt.unsignedValue(W::kDeclLine, &value) && value > 0 && value <= INT_MAX) {
+      line = static_cast<uint32_t>(value);
+    }
   };
   // The function DIE enclosing the DIEs at each depth (-1: none).
   std::vector<int32_t> enclosingAt(2, -1);
@@ -575,18 +591,16 @@ bool ObjectInfo::indexUnit(Unit& unit) {
           from = &origins[dwarf_dieoffset(&origin)];
         }
         if (ownName || from == nullptr) {
-          n.name = ownNameOf(die);
+          n.name = chainNameOf(die);
         } else {
-          if (!from->named) from->name = nameOf(die);
+          if (!from->named) from->name = chainNameOf(die);
           from->named = true;
           n.name = from->name;
         }
-        if (walker.has(W::kDeclFile) && walker.has(W::kDeclLine)) {
-          ownDeclOf(n.declFile, n.declLine);
-        } else if (ownDecl) {
-          declOf(die, n.declFile, n.declLine);
+        if (ownDecl) {
+          chainDeclOf(die, n.declFile, n.declLine);
         } else if (from != nullptr) {
-          if (!from->declared) declOf(die, from->declFile, from->declLine);
+          if (!from->declared) chainDeclOf(die, from->declFile, from->declLine);
           from->declared = true;
           n.declFile = from->declFile;
           n.declLine = from->declLine;

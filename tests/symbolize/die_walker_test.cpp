@@ -1,8 +1,9 @@
 // The symbolizer's DIE walker against libdw's own walk, on the real objects
 // of the fuzz corpus (C and C++, GCC and clang, DWARF 4 and 5, compressed
 // sections, 32-bit, a linked shared object): the same DIEs in the same
-// order and at the same depth, with or without their children, and every
-// attribute the walker locates where libdw finds it.
+// order and at the same depth, with or without their children, every
+// attribute the walker locates where libdw finds it, and names and
+// declarations found along references where libdw finds them.
 #include "die_walker.h"
 
 #include <dwarf.h>
@@ -91,10 +92,18 @@ const std::vector<std::pair<DieWalker::Attr, unsigned>> kAttributes = {
     {DieWalker::kSibling, DW_AT_sibling},
 };
 
+// Those also looked for along DW_AT_abstract_origin and DW_AT_specification.
+const std::vector<std::pair<DieWalker::Attr, unsigned>> kFollowed = {
+    {DieWalker::kName, DW_AT_name},
+    {DieWalker::kLinkageName, DW_AT_linkage_name},
+    {DieWalker::kDeclFile, DW_AT_decl_file},
+    {DieWalker::kDeclLine, DW_AT_decl_line},
+};
+
 // Counts of what one image's units held, to show that the objects hold
 // what the comparison means to cover.
 struct Covered {
-  size_t units = 0, dies = 0, located = 0, implicit = 0, skipped = 0;
+  size_t units = 0, dies = 0, located = 0, implicit = 0, skipped = 0, followed = 0;
 };
 
 void compareImage(const std::string& what, absl::Span<const unsigned char> bytes, Covered& covered) {
@@ -146,6 +155,27 @@ void compareImage(const std::string& what, absl::Span<const unsigned char> bytes
           EXPECT_EQ(ours.form, theirs.form) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
           EXPECT_EQ(ours.valp, theirs.valp) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
         }
+        // Names and declarations along the references, where libdw finds
+        // them.
+        for (const auto& a : kFollowed) {
+          Dwarf_Attribute theirs, ours;
+          const bool found = dwarf_attr_integrate(&die, a.second, &theirs) != nullptr;
+          DieWalker at(walker);
+          const DieWalker::Found where = walker.findAlongOrigins(a.first, at);
+          if (where == DieWalker::Found::kElsewhere) continue;
+          ASSERT_EQ(where == DieWalker::Found::kFound, found)
+              << what << ": " << s << ", attribute 0x" << std::hex << a.second;
+          if (!found) continue;
+          if (!walker.has(a.first)) ++covered.followed;
+          if (theirs.form == DW_FORM_implicit_const) {
+            Dwarf_Word value = 0;
+            ASSERT_EQ(dwarf_formudata(&theirs, &value), 0);
+            EXPECT_EQ(at.udata(a.first), value) << what << ": " << s;
+            continue;
+          }
+          ASSERT_TRUE(at.attribute(a.first, &ours)) << what << ": " << s;
+          EXPECT_EQ(ours.valp, theirs.valp) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
+        }
       }
       ASSERT_EQ(walked, expected) << what << (skipping ? ", passing over some children" : "");
     }
@@ -177,6 +207,7 @@ TEST(DieWalker, WalksAsLibdwWalksOnRealObjects) {
   EXPECT_GT(covered.located, 100u);
   EXPECT_GT(covered.implicit, 0u);
   EXPECT_GT(covered.skipped, 10u);
+  EXPECT_GT(covered.followed, 100u);
 }
 
 }  // namespace
