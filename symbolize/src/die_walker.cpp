@@ -483,16 +483,21 @@ bool DieWalker::readAt(uint64_t offset) {
   return true;
 }
 
-DieWalker::Found DieWalker::findAlongOrigins(Attr a, DieWalker& at) const {
-  at = *this;
+DieWalker::Found DieWalker::findAlongOrigins(Attr a, DieWalker& scratch, const DieWalker** holder) const {
+  const DieWalker* at = this;
   for (int chain = 16;; --chain) {
-    if (at.has(a)) return Found::kFound;
-    const Attr ref = at.has(kAbstractOrigin) ? kAbstractOrigin : kSpecification;
-    if (!at.has(ref) || chain == 0) return Found::kNone;
+    if (at->has(a)) {
+      *holder = at;
+      return Found::kFound;
+    }
+    const Attr ref = at->has(kAbstractOrigin) ? kAbstractOrigin : kSpecification;
+    if (!at->has(ref) || chain == 0) return Found::kNone;
     uint64_t offset = 0;
-    if (!at.localReference(ref, &offset)) return Found::kElsewhere;
+    if (!at->localReference(ref, &offset)) return Found::kElsewhere;
+    if (at != &scratch) scratch = *this;
+    at = &scratch;
     // A reference libdw cannot follow either ends its search.
-    if (!at.readAt(offset)) return Found::kNone;
+    if (!scratch.readAt(offset)) return Found::kNone;
   }
 }
 

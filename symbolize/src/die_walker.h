@@ -95,6 +95,8 @@ class DieWalker {
   // from `tables`. Attributes are located for DIEs with one of the tables'
   // tags only; the others are passed over.
   DieWalker(Dwarf* dwarf, Dwarf_Die& unitDie, AbbrevTables& tables);
+  // A walker that walks nothing, to hold a copy.
+  DieWalker() = default;
 
   // Moves to the next DIE below the unit's DIE, depth first; false at the
   // unit's end or at a DIE that cannot be read.
@@ -126,12 +128,13 @@ class DieWalker {
 
   // Where libdw's dwarf_attr_integrate would find `a`: on the current DIE,
   // else along its DW_AT_abstract_origin (or, lacking one,
-  // DW_AT_specification) references, at most 16 of them. On kFound `at` is
-  // a copy of this walker standing on the DIE that has it, for reading it;
-  // `at` is not walked on from there. kElsewhere: a reference leaves the
-  // unit (or takes a form read only by libdw), so libdw must be asked.
+  // DW_AT_specification) references, at most 16 of them. On kFound
+  // `*holder` stands on the DIE that has it, for reading it: this walker,
+  // or `scratch` made a copy of it and moved there (not to be walked on).
+  // kElsewhere: a reference leaves the unit (or takes a form only libdw
+  // reads), so libdw must be asked.
   enum class Found { kFound, kNone, kElsewhere };
-  Found findAlongOrigins(Attr a, DieWalker& at) const;
+  Found findAlongOrigins(Attr a, DieWalker& scratch, const DieWalker** holder) const;
 
  private:
   using Abbrev = AbbrevTable::Abbrev;

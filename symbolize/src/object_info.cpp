@@ -507,11 +507,12 @@ bool ObjectInfo::indexUnit(Unit& unit) {
   // A function DIE's name and declaration are found along its references
   // by the walker, as libdw's dwarf_attr_integrate finds them; libdw itself
   // is asked where a reference leaves the unit.
-  auto stringAlong = [&walker](W::Attr a, const char** out) {
-    DieWalker at(walker);
-    const W::Found found = walker.findAlongOrigins(a, at);
+  DieWalker scratch, lineScratch;
+  auto stringAlong = [&walker, &scratch](W::Attr a, const char** out) {
+    const DieWalker* at = nullptr;
+    const W::Found found = walker.findAlongOrigins(a, scratch, &at);
     Dwarf_Attribute attr;
-    *out = found == W::Found::kFound && at.attribute(a, &attr) ? dwarf_formstring(&attr) : nullptr;
+    *out = found == W::Found::kFound && at->attribute(a, &attr) ? dwarf_formstring(&attr) : nullptr;
     return found;
   };
   // A linkage name anywhere along the references, else the first plain
@@ -525,19 +526,19 @@ bool ObjectInfo::indexUnit(Unit& unit) {
     return name != nullptr ? intern(name) : nullptr;
   };
   auto chainDeclOf = [&](Dwarf_Die& die, uint32_t& file, uint32_t& line) {
-    DieWalker fileAt(walker), lineAt(walker);
-    const W::Found fileFound = walker.findAlongOrigins(W::kDeclFile, fileAt);
-    const W::Found lineFound = walker.findAlongOrigins(W::kDeclLine, lineAt);
+    const DieWalker *fileAt = nullptr, *lineAt = nullptr;
+    const W::Found fileFound = walker.findAlongOrigins(W::kDeclFile, scratch, &fileAt);
+    const W::Found lineFound = walker.findAlongOrigins(W::kDeclLine, lineScratch, &lineAt);
     if (fileFound == W::Found::kElsewhere || lineFound == W::Found::kElsewhere) {
       declOf(die, file, line);
       return;
     }
     uint64_t value = 0;
-    if (files != nullptr && fileFound == W::Found::kFound && fileAt.unsignedValue(W::kDeclFile, &value) &&
+    if (files != nullptr && fileFound == W::Found::kFound && fileAt->unsignedValue(W::kDeclFile, &value) &&
         value < fileCount) {
       file = fileOf(dwarf_filesrc(files, value, nullptr, nullptr));
     }
-    if (lineFound == W::Found::kFound && lineAt.unsignedValue(W::kDeclLine, &value) && value > 0 && value <= INT_MAX) {
+    if (lineFound == W::Found::kFound && lineAt->unsignedValue(W::kDeclLine, &value) && value > 0 && value <= INT_MAX) {
       line = static_cast<uint32_t>(value);
     }
   };

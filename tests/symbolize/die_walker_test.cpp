@@ -160,8 +160,9 @@ void compareImage(const std::string& what, absl::Span<const unsigned char> bytes
         for (const auto& a : kFollowed) {
           Dwarf_Attribute theirs, ours;
           const bool found = dwarf_attr_integrate(&die, a.second, &theirs) != nullptr;
-          DieWalker at(walker);
-          const DieWalker::Found where = walker.findAlongOrigins(a.first, at);
+          DieWalker scratch;
+          const DieWalker* at = nullptr;
+          const DieWalker::Found where = walker.findAlongOrigins(a.first, scratch, &at);
           if (where == DieWalker::Found::kElsewhere) continue;
           ASSERT_EQ(where == DieWalker::Found::kFound, found)
               << what << ": " << s << ", attribute 0x" << std::hex << a.second;
@@ -170,10 +171,10 @@ void compareImage(const std::string& what, absl::Span<const unsigned char> bytes
           if (theirs.form == DW_FORM_implicit_const) {
             Dwarf_Word value = 0;
             ASSERT_EQ(dwarf_formudata(&theirs, &value), 0);
-            EXPECT_EQ(at.udata(a.first), value) << what << ": " << s;
+            EXPECT_EQ(at->udata(a.first), value) << what << ": " << s;
             continue;
           }
-          ASSERT_TRUE(at.attribute(a.first, &ours)) << what << ": " << s;
+          ASSERT_TRUE(at->attribute(a.first, &ours)) << what << ": " << s;
           EXPECT_EQ(ours.valp, theirs.valp) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
         }
       }
