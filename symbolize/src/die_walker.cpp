@@ -134,6 +134,10 @@ unsigned formSize(unsigned form, unsigned addressSize, unsigned offsetSize, unsi
 
 // Reads an unsigned LEB128 number at p (before end), moving p past it.
 bool readUleb(const unsigned char*& p, const unsigned char* end, uint64_t* value) {
+  if (p < end && *p < 0x80) {  // most numbers here fit in one byte
+    *value = *p++;
+    return true;
+  }
   uint64_t v = 0;
   for (unsigned shift = 0; p < end; shift += 7) {
     const unsigned char byte = *p++;
@@ -483,22 +487,33 @@ bool DieWalker::readAt(uint64_t offset) {
   return true;
 }
 
-DieWalker::Found DieWalker::findAlongOrigins(Attr a, DieWalker& scratch, const DieWalker** holder) const {
+bool DieWalker::gatherAlongOrigins(uint32_t wanted, DieWalker& gathered, DieWalker& scratch,
+                                   const DieWalker** holder) const {
+  *holder = this;
+  uint32_t missing = wanted & ~present_;
+  if (missing == 0) return true;
+  gathered = *this;
+  *holder = &gathered;
   const DieWalker* at = this;
-  for (int chain = 16;; --chain) {
-    if (at->has(a)) {
-      *holder = at;
-      return Found::kFound;
-    }
+  for (int chain = 16; missing != 0 && chain > 0; --chain) {
     const Attr ref = at->has(kAbstractOrigin) ? kAbstractOrigin : kSpecification;
-    if (!at->has(ref) || chain == 0) return Found::kNone;
+    if (!at->has(ref)) break;
     uint64_t offset = 0;
-    if (!at->localReference(ref, &offset)) return Found::kElsewhere;
+    if (!at->localReference(ref, &offset)) return false;
     if (at != &scratch) scratch = *this;
     at = &scratch;
     // A reference libdw cannot follow either ends its search.
-    if (!scratch.readAt(offset)) return Found::kNone;
+    if (!scratch.readAt(offset)) break;
+    for (uint32_t found = missing & scratch.present_; found != 0; found &= found - 1) {
+      const auto a = static_cast<Attr>(__builtin_ctz(found));
+      gathered.present_ |= bit(a);
+      gathered.valp_[a] = scratch.valp_[a];
+      gathered.form_[a] = scratch.form_[a];
+      gathered.implicit_[a] = scratch.implicit_[a];
+    }
+    missing &= ~scratch.present_;
   }
+  return true;
 }
 
 Dwarf_Die DieWalker::die() const noexcept {

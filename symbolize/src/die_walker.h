@@ -126,15 +126,17 @@ class DieWalker {
   // from DW_AT_low_pc, for DW_AT_high_pc).
   bool isAddress(Attr a) const noexcept;
 
-  // Where libdw's dwarf_attr_integrate would find `a`: on the current DIE,
-  // else along its DW_AT_abstract_origin (or, lacking one,
-  // DW_AT_specification) references, at most 16 of them. On kFound
-  // `*holder` stands on the DIE that has it, for reading it: this walker,
-  // or `scratch` made a copy of it and moved there (not to be walked on).
-  // kElsewhere: a reference leaves the unit (or takes a form only libdw
-  // reads), so libdw must be asked.
-  enum class Found { kFound, kNone, kElsewhere };
-  Found findAlongOrigins(Attr a, DieWalker& scratch, const DieWalker** holder) const;
+  // The attributes of `wanted` (a mask of 1 << Attr) where libdw's
+  // dwarf_attr_integrate finds each one: on the current DIE, else along its
+  // DW_AT_abstract_origin (or, lacking one, DW_AT_specification)
+  // references, at most 16 of them, all followed at once. `*holder` is this
+  // walker where the current DIE has them all, else `gathered`: a copy of
+  // it holding each one found where it was found first (not to be walked
+  // on). `scratch` is room for reading the DIEs referred to. False where a
+  // reference leaves the unit (or takes a form only libdw reads) before all
+  // are found: libdw must be asked then.
+  bool gatherAlongOrigins(uint32_t wanted, DieWalker& gathered, DieWalker& scratch, const DieWalker** holder) const;
+  static constexpr uint32_t bit(Attr a) noexcept { return uint32_t{1} << a; }
 
  private:
   using Abbrev = AbbrevTable::Abbrev;

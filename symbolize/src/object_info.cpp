@@ -524,40 +524,34 @@ bool ObjectInfo::indexUnit(Unit& unit) {
   // A function DIE's name and declaration are found along its references
   // by the walker, as libdw's dwarf_attr_integrate finds them; libdw itself
   // is asked where a reference leaves the unit.
-  DieWalker scratch, lineScratch;
-  auto stringAlong = [&walker, &scratch](W::Attr a, const char** out) {
-    const DieWalker* at = nullptr;
-    const W::Found found = walker.findAlongOrigins(a, scratch, &at);
-    Dwarf_Attribute attr;
-    *out = found == W::Found::kFound && at->attribute(a, &attr) ? dwarf_formstring(&attr) : nullptr;
-    return found;
-  };
+  DieWalker gathered, scratch;
   // A linkage name anywhere along the references, else the first plain
   // name there.
   auto chainNameOf = [&](Dwarf_Die& die) -> const std::string* {
+    const DieWalker* at = nullptr;
+    if (!walker.gatherAlongOrigins(W::bit(W::kLinkageName) | W::bit(W::kMipsLinkageName) | W::bit(W::kName), gathered,
+                                   scratch, &at)) {
+      return nameOf(die);
+    }
+    Dwarf_Attribute attr;
     const char* name = nullptr;
-    W::Found found = stringAlong(W::kLinkageName, &name);
-    if (found == W::Found::kNone) found = stringAlong(W::kMipsLinkageName, &name);
-    if (found != W::Found::kElsewhere && name == nullptr) found = stringAlong(W::kName, &name);
-    if (found == W::Found::kElsewhere) return nameOf(die);
+    if (at->attribute(W::kLinkageName, &attr) || at->attribute(W::kMipsLinkageName, &attr)) {
+      name = dwarf_formstring(&attr);
+    }
+    if (name == nullptr && at->attribute(W::kName, &attr)) name = dwarf_formstring(&attr);
     return name != nullptr ? intern(name) : nullptr;
   };
   auto chainDeclOf = [&](Dwarf_Die& die, uint32_t& file, uint32_t& line) {
-    const DieWalker *fileAt = nullptr, *lineAt = nullptr;
-    const W::Found fileFound = walker.findAlongOrigins(W::kDeclFile, scratch, &fileAt);
-    const W::Found lineFound = walker.findAlongOrigins(W::kDeclLine, lineScratch, &lineAt);
-    if (fileFound == W::Found::kElsewhere || lineFound == W::Found::kElsewhere) {
+    const DieWalker* at = nullptr;
+    if (!walker.gatherAlongOrigins(W::bit(W::kDeclFile) | W::bit(W::kDeclLine), gathered, scratch, &at)) {
       declOf(die, file, line);
       return;
     }
     uint64_t value = 0;
-    if (files != nullptr && fileFound == W::Found::kFound && fileAt->unsignedValue(W::kDeclFile, &value) &&
-        value < fileCount) {
+    if (files != nullptr && at->unsignedValue(W::kDeclFile, &value) && value < fileCount) {
       file = fileOf(dwarf_filesrc(files, value, nullptr, nullptr));
     }
-    if (lineFound == W::Found::kFound && lineAt->unsignedValue(W::kDeclLine, &value) && value > 0 && value <= INT_MAX) {
-      line = static_cast<uint32_t>(value);
-    }
+    if (at->unsignedValue(W::kDeclLine, &value) && value > 0 && value <= INT_MAX) line = static_cast<uint32_t>(value);
   };
   // The function DIE enclosing the DIEs at each depth (-1: none).
   std::vector<int32_t> enclosingAt(2, -1);

@@ -155,17 +155,17 @@ void compareImage(const std::string& what, absl::Span<const unsigned char> bytes
           EXPECT_EQ(ours.form, theirs.form) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
           EXPECT_EQ(ours.valp, theirs.valp) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
         }
-        // Names and declarations along the references, where libdw finds
-        // them.
+        // Names and declarations along the references, gathered at once,
+        // where libdw finds each of them.
+        uint32_t wanted = 0;
+        for (const auto& a : kFollowed) wanted |= DieWalker::bit(a.first);
+        DieWalker gathered, scratch;
+        const DieWalker* at = nullptr;
+        if (!walker.gatherAlongOrigins(wanted, gathered, scratch, &at)) continue;
         for (const auto& a : kFollowed) {
           Dwarf_Attribute theirs, ours;
           const bool found = dwarf_attr_integrate(&die, a.second, &theirs) != nullptr;
-          DieWalker scratch;
-          const DieWalker* at = nullptr;
-          const DieWalker::Found where = walker.findAlongOrigins(a.first, scratch, &at);
-          if (where == DieWalker::Found::kElsewhere) continue;
-          ASSERT_EQ(where == DieWalker::Found::kFound, found)
-              << what << ": " << s << ", attribute 0x" << std::hex << a.second;
+          ASSERT_EQ(at->has(a.first), found) << what << ": " << s << ", attribute 0x" << std::hex << a.second;
           if (!found) continue;
           if (!walker.has(a.first)) ++covered.followed;
           if (theirs.form == DW_FORM_implicit_const) {
