@@ -89,7 +89,9 @@ addr2line -a -f -e prog <addresses.txt | paste - - - |
   awk -F'\t' 'NR == FNR { foreign[$1] = 1; next } { print $1 > (($2 in foreign) ? "apart.txt" : "kept.txt") }' \
     foreign.txt - 
 touch apart.txt kept.txt
-awk '{ print $1 }' kept.txt >addresses.txt
+# In an order of its own, every tenth address asked twice: answers read
+# from a file are found in address order and written in the input's.
+awk '{ print $1 } NR % 10 == 0 { print $1 }' kept.txt | shuf --random-source=<(yes) >addresses.txt
 
 status=0
 

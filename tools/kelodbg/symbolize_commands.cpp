@@ -10,11 +10,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -65,38 +68,118 @@ uint64_t parseHex(const char* text) {
   return digits > 0 ? value : std::strtoull(text, nullptr, 16);
 }
 
-void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
-            std::FILE* file, Json* all) {
-  // Parsed as binutils parses it: hex, 0x optional, garbage giving 0, and
-  // cut to the width of the program's addresses.
+// The address a piece of input asks about, parsed as binutils parses it:
+// hex, 0x optional, garbage giving 0, and cut to the width of the
+// program's addresses.
+uint64_t addressOf(const Symbolizer& symbolizer, const char* text) {
   uint64_t address = parseHex(text);
-  const unsigned bits = symbolizer.addressBits();
-  if (bits == 32) address &= 0xffffffffu;
+  if (symbolizer.addressBits() == 32) address &= 0xffffffffu;
+  return address;
+}
+
+// Answered as binutils would, and said why: no recorded address is that
+// large.
+void warnIfTooWide(const Answer& a) {
+  if (!a.placed && a.address > 0xffffffffu) {
+    complain(
+        fmt::format("kelodbg: address 0x{:x} does not fit in 32 bits; the file records 32-bit addresses\n", a.address));
+  }
+}
+
+// The answer for `address`, in `scratch.answer`, as text appended to `out`.
+void render(Symbolizer& symbolizer, const Addr2lineOptions& options, uint64_t address, Scratch& scratch,
+            std::string& out) {
   Answer& a = scratch.answer;
   a.address = a.lookup = address;
   a.resolve(symbolizer);
-  if (!a.placed && address > 0xffffffffu) {
-    // Answered as binutils would, and said why: no recorded address is that
-    // large.
-    complain(
-        fmt::format("kelodbg: address 0x{:x} does not fit in 32 bits; the file records 32-bit addresses\n", address));
-  }
-  if (all != nullptr) {
-    all->push(answerJson(a, options.answers, options.module));
-    return;
-  }
-  std::string& out = scratch.text;
   if (options.json) {
     out += answerJson(a, options.answers, options.module).line();
     out += '\n';
   } else {
-    appendText(a, options.answers, bits, out);
+    appendText(a, options.answers, symbolizer.addressBits(), out);
   }
+}
+
+void answer(Symbolizer& symbolizer, const Addr2lineOptions& options, const char* text, bool flush, Scratch& scratch,
+            std::FILE* file, Json* all) {
+  const uint64_t address = addressOf(symbolizer, text);
+  if (all != nullptr) {
+    Answer& a = scratch.answer;
+    a.address = a.lookup = address;
+    a.resolve(symbolizer);
+    warnIfTooWide(a);
+    all->push(answerJson(a, options.answers, options.module));
+    return;
+  }
+  render(symbolizer, options, address, scratch, scratch.text);
+  warnIfTooWide(scratch.answer);
   if (flush) {
     scratch.write(file);
     std::fflush(file);
-  } else if (out.size() >= Scratch::kBatch) {
+  } else if (scratch.text.size() >= Scratch::kBatch) {
     scratch.write(file);
+  }
+}
+
+// Addresses read from a file, where no one waits for each answer: a batch
+// of them is looked up in the order of the addresses, each distinct one
+// once, so that each object's and unit's tables are used while they are in
+// the processor's caches; the answers are written in the order of the
+// input. Answers do not depend on the order they are found in.
+void answerBatches(Symbolizer& symbolizer, const Addr2lineOptions& options, std::FILE* in, Scratch& scratch,
+                   std::FILE* file) {
+  constexpr size_t kPieces = 1 << 16;
+  std::vector<uint64_t> addresses;
+  std::vector<uint32_t> order;
+  std::vector<size_t> textOf;  // of each piece: the start of its answer in `rendered`
+  std::string rendered;
+  char line[100];
+  for (bool more = true; more;) {
+    addresses.clear();
+    while (addresses.size() < kPieces && std::fgets(line, sizeof line, in) != nullptr) {
+      addresses.push_back(addressOf(symbolizer, line));
+    }
+    more = addresses.size() == kPieces;
+    if (addresses.empty()) break;
+    order.resize(addresses.size());
+    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](uint32_t x, uint32_t y) { return addresses[x] < addresses[y]; });
+    // Each distinct address is answered once; pieces asking the same share
+    // its text, and whether it was placed.
+    textOf.assign(addresses.size() + 1, 0);
+    std::vector<bool> placed(addresses.size());
+    rendered.clear();
+    for (size_t k = 0; k < order.size(); ++k) {
+      const uint32_t i = order[k];
+      if (k > 0 && addresses[order[k - 1]] == addresses[i]) {
+        textOf[i] = textOf[order[k - 1]];
+        placed[i] = placed[order[k - 1]];
+        continue;
+      }
+      textOf[i] = rendered.size();
+      render(symbolizer, options, addresses[i], scratch, rendered);
+      placed[i] = scratch.answer.placed;
+    }
+    // Each answer ends where the next one rendered begins.
+    std::vector<size_t> ends(addresses.size());
+    size_t end = rendered.size();
+    for (size_t k = order.size(); k-- > 0;) {
+      const uint32_t i = order[k];
+      if (k + 1 < order.size() && addresses[order[k + 1]] == addresses[i]) {
+        ends[i] = ends[order[k + 1]];
+        continue;
+      }
+      ends[i] = end;
+      end = textOf[i];
+    }
+    for (size_t i = 0; i < addresses.size(); ++i) {
+      scratch.text.append(rendered, textOf[i], ends[i] - textOf[i]);
+      Answer& a = scratch.answer;
+      a.address = addresses[i];
+      a.placed = placed[i];
+      warnIfTooWide(a);
+      if (scratch.text.size() >= Scratch::kBatch) scratch.write(file);
+    }
   }
 }
 
@@ -133,8 +216,12 @@ int addr2lineCommand(const kelo_debuginfo::DebugInfoList& list, const Addr2lineO
   const int fd = fileno(in);
   // A terminal shows each answer as it comes, in order with the warnings.
   const bool flush = !(fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) || isatty(fileno(out));
-  char line[100];
-  while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, flush, buffer, out, nullptr);
+  if (flush) {
+    char line[100];
+    while (std::fgets(line, sizeof line, in) != nullptr) answer(symbolizer, options, line, true, buffer, out, nullptr);
+  } else {
+    answerBatches(symbolizer, options, in, buffer, out);
+  }
   buffer.write(out);
   if (std::ferror(in)) fail(Exit::kFileIo, "<stdin>", fmt::format("cannot read: {}", std::strerror(errno)));
   return 0;
