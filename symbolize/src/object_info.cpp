@@ -343,8 +343,8 @@ std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession(kelo_elf::ELFBytes&
   s->context = DwflContext{&s->bytes, &base_};
   if (type_ == ET_REL) {
     // x86 objects are relocated here, as libdwfl would relocate them, and
-    // read as they are then: a tenth of libdwfl's work, which looks up
-    // every relocation's symbol and section through its module.
+    // read as they are then: about a fifth of libdwfl's work, which looks
+    // up every relocation's symbol and section through its module.
     s->elf = openMemory(s->bytes);
     if (s->elf) {
       terminateStrings(s->elf.get());
@@ -356,7 +356,6 @@ std::unique_ptr<ObjectInfo::Session> ObjectInfo::openSession(kelo_elf::ELFBytes&
       // Perhaps partly relocated: libdwfl starts again from the image.
       s->elf.reset();
       s->bytes = copyOf(image_);
-      s->context = DwflContext{&s->bytes, &base_};
     }
     // Only a module reported by address range lets libdwfl ask where each
     // section was loaded; it then applies the object's relocations to its
