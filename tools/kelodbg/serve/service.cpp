@@ -222,9 +222,15 @@ HttpResponse Service::symbolize(const HttpRequest& request) {
   thread_local std::vector<Answer> kept;
   std::vector<Answer>& answers = kept;
   answers.resize(values.size());
+  // They are looked up in address order (an object's tables are then used
+  // while in cache) and written in the request's.
+  thread_local std::vector<uint32_t> order;
+  order.resize(values.size());
+  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&](uint32_t x, uint32_t y) { return values[x] < values[y]; });
   const bool built = open->withSymbolizer([&](kelo_symbolize::Symbolizer& symbolizer) {
     const uint64_t mask = symbolizer.addressBits() == 32 ? 0xffffffffu : ~uint64_t{0};
-    for (size_t i = 0; i < values.size(); ++i) {
+    for (const uint32_t i : order) {
       answers[i].address = answers[i].lookup = values[i] & mask;
       answers[i].resolve(symbolizer);
     }
